@@ -1,0 +1,152 @@
+#include <kx/http/HttpHeaders.h>
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <list>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using namespace std::string_view_literals;
+using kx::http::HttpHeaders;
+using Values = std::list<std::string>;
+
+// Exactly sized, not NUL-terminated copy: an over-read past `length` shows up under the sanitizers.
+bool Split(std::string_view line, std::string& name, Values& values) {
+  std::vector<char> exact(line.begin(), line.end());
+  return HttpHeaders::SplitHttpHeader(exact.data(), exact.size(), name, values);
+}
+
+struct SplitCase {
+  std::string_view label, line;
+  bool ok;
+  std::string_view name;
+  std::vector<std::string_view> values;
+};
+
+const SplitCase kSplitCases[] = {
+    {"CommaList", "Accept: text/html, application/json\r\n", true, "accept", {"text/html", "application/json"}},
+    {"DateKeepsCommas", "Date: Tue, 15 Nov 1994 08:12:31 GMT\r\n", true, "date", {"Tue, 15 Nov 1994 08:12:31 GMT"}},
+    {"SingleValueNameFolded", "IF-Modified-Since: Sat, 29 Oct 1994\r\n", true, "if-modified-since", {"Sat, 29 Oct 1994"}},
+    {"HostIpv6", "Host: [::1]:8080\r\n", true, "host", {"[::1]:8080"}},
+    {"FirstColonCuts", "Location: http://h:80/a,b\r\n", true, "location", {"http://h:80/a", "b"}},
+    {"SetCookieExpiresIsSplit", "Set-Cookie: id=1; Expires=Wed, 21 Oct 2015\r\n", true, "set-cookie",
+     {"id=1; Expires=Wed", "21 Oct 2015"}},
+    {"QuotedCommaKept", "Link: \"a,b\", c\r\n", true, "link", {"\"a,b\"", "c"}},
+    {"EscapedQuoteInQuotes", "X: \"a\\\",b\", c", true, "x", {"\"a\\\",b\"", "c"}},
+    {"DoubleBackslashClosesQuote", "X: \"a\\\\\", b", true, "x", {"\"a\\\\\"", "b"}},
+    {"BackslashOutsideDisablesQuotes", "X: a\\, \"b,c\"", true, "x", {"a\\", "\"b", "c\""}},
+    {"UnclosedQuote", "X: \"a, b\r\n", false, "x", {}},
+    {"EmptyItemsKept", "X: a,,b,\r\n", true, "x", {"a", "", "b", ""}},
+    {"StatusLineIsName", "HTTP/1.1 200 OK\r\n", true, "HTTP/1.1 200 OK", {}},
+    {"BlankLine", "\r\n", false, "", {}},
+    {"EmptyLine", "", false, "", {}},
+    {"NameOnly", "Name:", true, "name", {}},
+    {"NameWithCrLf", "Name:\r\n", true, "name", {""}},
+    {"SingleValueNameWithCrLf", "Date:\r\n", true, "date", {""}},
+    {"EmptyName", ": x\r\n", false, "", {"x"}},
+    {"SixBlanksTrimmed", "\v\fX-Y\t : \t v \v\f\r\n", true, "x-y", {"v"}},
+    {"HighBytesUnchanged", "X-\xC4\xB0\xC3\x89: \xC3\xA9t\xC3\xA9\r\n", true, "x-\xC4\xB0\xC3\x89", {"\xC3\xA9t\xC3\xA9"}},
+    {"NbspIsNotBlank", "X: \xA0v\xA0\r\n", true, "x", {"\xA0v\xA0"}},
+    {"NulIsOrdinaryByte", "X: a\0b, c\r\n"sv, true, "x", {"a\0b"sv, "c"}},
+};
+
+class SplitHttpHeaderTest : public testing::TestWithParam<SplitCase> {};
+
+TEST_P(SplitHttpHeaderTest, CutsNameAndValues) {
+  const SplitCase& c = GetParam();
+  std::string name = "stale";
+  Values values{"stale"};
+  EXPECT_EQ(Split(c.line, name, values), c.ok);
+  EXPECT_EQ(name, c.name);
+  EXPECT_EQ(values, Values(c.values.begin(), c.values.end()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Headers, SplitHttpHeaderTest, testing::ValuesIn(kSplitCases),
+                         [](const auto& info) { return std::string(info.param.label); });
+
+TEST(ParseMultiValueHeaderTest, AppendsToExistingValues) {
+  Values values{"old"};
+  EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader(" a ,b", values));
+  EXPECT_EQ(values, (Values{"old", "a", "b"}));
+  EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader("", values));
+  EXPECT_EQ(values.back(), "");
+}
+
+TEST(ParseMultiValueHeaderTest, FailureAndNullLeaveValuesEmpty) {
+  Values values{"old"};
+  EXPECT_FALSE(HttpHeaders::ParseMultiValueHeader("a, \"b", values));
+  EXPECT_TRUE(values.empty());
+  values = {"old"};
+  EXPECT_FALSE(HttpHeaders::ParseMultiValueHeader(nullptr, values));
+  EXPECT_TRUE(values.empty());
+  std::string name;
+  EXPECT_FALSE(HttpHeaders::SplitHttpHeader(nullptr, 4, name, values));
+}
+
+struct KeyPairCase {
+  std::string_view label;
+  std::vector<std::string> items;
+  bool ok;
+  std::map<std::string, std::string> pairs;
+};
+
+const KeyPairCase kKeyPairCases[] = {
+    {"NoItems", {}, true, {}},
+    {"TrimsKeepsQuotesAndCase", {"Max = 5", " b= \"x y\" "}, true, {{"Max", "5"}, {"b", "\"x y\""}}},
+    {"FirstEqualCuts", {"k=v=w"}, true, {{"k", "v=w"}}},
+    {"EmptyKeyAccepted", {"=v"}, true, {{"", "v"}}},
+    {"EmptyItemStops", {"a=1", "", "b=2"}, false, {{"a", "1"}}},
+    {"MissingEqualStops", {"a=1", "  ", "b=2"}, false, {{"a", "1"}}},
+    {"RepeatedKeyFirstWins", {"a=1", "a=2", "c=3"}, false, {{"a", "1"}}},
+};
+
+class ExtractHeaderKeyPairValuesTest : public testing::TestWithParam<KeyPairCase> {};
+
+TEST_P(ExtractHeaderKeyPairValuesTest, StoresPairsUntilFirstBadItem) {
+  const KeyPairCase& c = GetParam();
+  std::map<std::string, std::string> pairs;
+  EXPECT_EQ(HttpHeaders::ExtractHeaderKeyPairValues(Values(c.items.begin(), c.items.end()), pairs), c.ok);
+  EXPECT_EQ(pairs, c.pairs);
+}
+
+INSTANTIATE_TEST_SUITE_P(Headers, ExtractHeaderKeyPairValuesTest, testing::ValuesIn(kKeyPairCases),
+                         [](const auto& info) { return std::string(info.param.label); });
+
+TEST(ExtractHeaderKeyPairValuesTest, KeyAlreadyPresentBeforeCallFails) {
+  std::map<std::string, std::string> pairs{{"a", "old"}};
+  EXPECT_FALSE(HttpHeaders::ExtractHeaderKeyPairValues({"b=1", "a=new"}, pairs));
+  EXPECT_EQ(pairs, (std::map<std::string, std::string>{{"a", "old"}, {"b", "1"}}));
+}
+
+// The C tolower of a Turkish locale folds 'I' to a dotless i (or leaves it), and its isspace may count
+// 0xA0; neither may change what the parsers produce.
+TEST(HeaderLocaleTest, TurkishLocaleChangesNothing) {
+  const std::string saved = std::setlocale(LC_ALL, nullptr);
+  const char* turkish = nullptr;
+  for (const char* candidate : {"tr_TR.ISO-8859-9", "tr_TR.UTF-8", "tr_TR.utf8", "tr_TR"}) {
+    if ((turkish = std::setlocale(LC_ALL, candidate)) != nullptr) break;
+  }
+  if (turkish == nullptr) GTEST_SKIP() << "no Turkish locale on this machine (locale -a)";
+
+  std::string name;
+  Values values;
+  EXPECT_TRUE(Split("IF-MODIFIED-SINCE: Sat, 29 Oct 1994\r\n", name, values));
+  EXPECT_EQ(name, "if-modified-since");
+  EXPECT_EQ(values, Values{"Sat, 29 Oct 1994"});
+  EXPECT_TRUE(Split("X-I\xDD: \xA0" "a\xA0, \xFD\r\n", name, values));
+  EXPECT_EQ(name, "x-i\xDD");
+  EXPECT_EQ(values, (Values{"\xA0" "a\xA0", "\xFD"}));
+
+  HttpHeaders headers;
+  headers.addHeaderValue("If-Modified-Since", "x");
+  EXPECT_EQ(HttpHeaders::NormalizeHeaderName("IDENTITY"), "identity");
+  EXPECT_TRUE(headers.contains("IF-MODIFIED-SINCE"));
+  std::setlocale(LC_ALL, saved.c_str());
+}
+
+}  // namespace
