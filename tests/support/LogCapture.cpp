@@ -1,0 +1,81 @@
+#include "support/LogCapture.h"
+
+#include <algorithm>
+#include <mutex>
+
+namespace kx::test {
+
+// Shared with the sink: the log may still be delivering a record on another thread while the capture is
+// destroyed, and that call must find the state alive.
+struct LogCapture::State {
+  mutable std::mutex mutex;
+  std::vector<kxLogRecord> records;
+};
+
+LogCapture::LogCapture()
+    : state_(std::make_shared<State>()), previousEnabled_(kxLog::isEnabled()), previousVerbose_(kxLog::isVerbose()) {
+  kxLog::setSink([state = state_](const kxLogRecord& record) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->records.push_back(record);
+  });
+  kxLog::setEnabled(true);
+}
+
+LogCapture::LogCapture(bool verbose) : LogCapture() { kxLog::setVerbose(verbose); }
+
+LogCapture::~LogCapture() {
+  kxLog::setSink({});
+  kxLog::setEnabled(previousEnabled_);
+  kxLog::setVerbose(previousVerbose_);
+}
+
+std::vector<kxLogRecord> LogCapture::records() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->records;
+}
+
+std::vector<std::string> LogCapture::texts() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  std::vector<std::string> out;
+  for (const auto& record : state_->records) out.push_back(record.text);
+  return out;
+}
+
+std::vector<std::string> LogCapture::texts(std::string_view category) const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  std::vector<std::string> out;
+  for (const auto& record : state_->records) {
+    if (record.category == category) out.push_back(record.text);
+  }
+  return out;
+}
+
+bool LogCapture::contains(std::string_view text) const { return count(text) > 0; }
+
+bool LogCapture::containsFragment(std::string_view fragment) const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return std::any_of(state_->records.begin(), state_->records.end(),
+                     [&](const kxLogRecord& r) { return r.text.find(fragment) != std::string::npos; });
+}
+
+size_t LogCapture::count(std::string_view text) const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return static_cast<size_t>(std::count_if(state_->records.begin(), state_->records.end(),
+                                           [&](const kxLogRecord& r) { return r.text == text; }));
+}
+
+std::string LogCapture::dump() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  std::string out;
+  for (const auto& record : state_->records) {
+    out += std::to_string(record.type) + " [" + record.category + "] " + record.text + "\n";
+  }
+  return out;
+}
+
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->records.clear();
+}
+
+}  // namespace kx::test

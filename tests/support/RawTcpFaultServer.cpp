@@ -1,0 +1,247 @@
+#include "support/RawTcpFaultServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <thread>
+
+namespace kx::test {
+
+const char* const RawTcpFaultServer::kDefaultCannedResponse =
+    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 1000\r\n\r\npartial body";
+
+namespace {
+
+constexpr int kHeadTimeoutMs = 5000;
+
+// Polls fd together with the stop descriptor. 1: fd ready, 0: time-out, -1: stopping or error.
+int WaitReadable(int fd, int stopFd, int timeoutMs) {
+  pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+  int r;
+  do {
+    r = ::poll(fds, 2, timeoutMs);
+  } while (r < 0 && errno == EINTR);
+  if (r < 0 || fds[1].revents != 0) return -1;
+  return r == 0 ? 0 : 1;
+}
+
+void SendAll(int fd, const std::string& bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    done += static_cast<size_t>(n);
+  }
+}
+
+}  // namespace
+
+class RawTcpFaultServer::Impl {
+ public:
+  explicit Impl(Mode mode) : mode_(mode) {}
+
+  ~Impl() {
+    if (stopFd_ >= 0) {
+      uint64_t one = 1;
+      [[maybe_unused]] ssize_t ignored = ::write(stopFd_, &one, sizeof(one));
+    }
+    if (acceptor_.joinable()) acceptor_.join();
+    for (auto& worker : workers_) worker.thread.join();
+    if (listenFd_ >= 0) ::close(listenFd_);
+    if (stopFd_ >= 0) ::close(stopFd_);
+  }
+
+  bool start() {
+    stopFd_ = ::eventfd(0, EFD_CLOEXEC);
+    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (stopFd_ < 0 || listenFd_ < 0) return fail("socket");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) return fail("bind");
+    if (::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) return fail("getsockname");
+    port_ = ntohs(address.sin_port);
+    // Refusing: the socket stays bound, so no other process can take the port, but without listen()
+    // the kernel answers every SYN with a reset.
+    if (mode_ == Mode::kRefuse) return true;
+    if (::listen(listenFd_, 64) != 0) return fail("listen");
+    acceptor_ = std::thread([this] { acceptLoop(); });
+    return true;
+  }
+
+  bool fail(const char* step) {
+    error_ = std::string(step) + " failed: " + std::strerror(errno);
+    port_ = 0;
+    return false;
+  }
+
+  void setMode(Mode mode) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (mode_ != Mode::kRefuse && mode != Mode::kRefuse) mode_ = mode;
+  }
+  void setCanned(std::string bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    canned_ = std::move(bytes);
+  }
+  uint64_t accepted() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return accepted_;
+  }
+  std::vector<std::string> heads() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return heads_;
+  }
+  bool waitForHeads(size_t count, std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, timeout, [&] { return headsDone_ >= count; });
+  }
+
+  std::string error_;
+  uint16_t port_ = 0;
+
+ private:
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
+
+  void acceptLoop() {
+    for (;;) {
+      if (WaitReadable(listenFd_, stopFd_, -1) < 0) return;
+      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd < 0) continue;
+      Mode mode;
+      std::string canned;
+      size_t slot;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++accepted_;
+        mode = mode_;
+        canned = canned_;
+        slot = heads_.size();
+        heads_.emplace_back();
+      }
+      for (auto it = workers_.begin(); it != workers_.end();) {
+        if (it->done->load(std::memory_order_acquire)) {
+          it->thread.join();
+          it = workers_.erase(it);
+        } else {
+          ++it;
+        }
+      }
+      auto done = std::make_shared<std::atomic<bool>>(false);
+      workers_.push_back(Worker{std::thread([this, fd, mode, canned = std::move(canned), slot, done] {
+                                  serve(fd, mode, canned, slot);
+                                  done->store(true, std::memory_order_release);
+                                }),
+                                done});
+    }
+  }
+
+  void serve(int fd, Mode mode, const std::string& canned, size_t slot) {
+    bool stopping = !readHead(fd, slot);
+    if (!stopping) {
+      switch (mode) {
+        case Mode::kRefuse:  // never accepted
+        case Mode::kAcceptAndClose:
+          break;
+        case Mode::kResetAfterRequest: {
+          linger reset{1, 0};
+          ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+          break;
+        }
+        case Mode::kPartialResponse:
+          SendAll(fd, canned);
+          break;
+        case Mode::kStallAfterPartialResponse:
+          SendAll(fd, canned);
+          holdUntilClosed(fd);
+          break;
+        case Mode::kStall:
+          holdUntilClosed(fd);
+          break;
+      }
+    }
+    ::close(fd);
+  }
+
+  // Reads up to the end of the request head; false when the server is stopping.
+  bool readHead(int fd, size_t slot) {
+    std::string head;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kHeadTimeoutMs);
+    bool stopping = false;
+    while (head.find("\r\n\r\n") == std::string::npos) {
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) break;
+      int ready = WaitReadable(fd, stopFd_, static_cast<int>(left.count()));
+      if (ready < 0) stopping = true;
+      if (ready <= 0) break;
+      char buffer[4096];
+      ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+      if (n <= 0) break;
+      head.append(buffer, static_cast<size_t>(n));
+    }
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      heads_[slot] = std::move(head);
+      ++headsDone_;
+    }
+    cv_.notify_all();
+    return !stopping;
+  }
+
+  // Keeps the connection open and silent, draining whatever the client sends, until it closes or the
+  // server stops.
+  void holdUntilClosed(int fd) {
+    for (;;) {
+      if (WaitReadable(fd, stopFd_, -1) <= 0) return;
+      char buffer[4096];
+      ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+      if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) return;
+    }
+  }
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable cv_;
+  Mode mode_;
+  std::string canned_ = kDefaultCannedResponse;
+  uint64_t accepted_ = 0;
+  std::vector<std::string> heads_;
+  size_t headsDone_ = 0;
+
+  int listenFd_ = -1;
+  int stopFd_ = -1;
+  std::thread acceptor_;
+  std::list<Worker> workers_;  // touched by the acceptor thread, then by the destructor after joining it
+};
+
+RawTcpFaultServer::RawTcpFaultServer(Mode mode) : impl_(std::make_unique<Impl>(mode)) { impl_->start(); }
+RawTcpFaultServer::~RawTcpFaultServer() = default;
+
+bool RawTcpFaultServer::isRunning() const { return impl_->port_ != 0; }
+const std::string& RawTcpFaultServer::startError() const { return impl_->error_; }
+uint16_t RawTcpFaultServer::port() const { return impl_->port_; }
+std::string RawTcpFaultServer::url(std::string_view path) const {
+  return "http://127.0.0.1:" + std::to_string(impl_->port_) + std::string(path);
+}
+void RawTcpFaultServer::setMode(Mode mode) { impl_->setMode(mode); }
+void RawTcpFaultServer::setCannedResponse(std::string bytes) { impl_->setCanned(std::move(bytes)); }
+uint64_t RawTcpFaultServer::acceptedConnections() const { return impl_->accepted(); }
+std::vector<std::string> RawTcpFaultServer::requestHeads() const { return impl_->heads(); }
+bool RawTcpFaultServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
+  return impl_->waitForHeads(count, timeout);
+}
+
+}  // namespace kx::test

@@ -1,0 +1,83 @@
+// RawTcpFaultServer is a plain-socket server on 127.0.0.1 and an ephemeral port that misbehaves on purpose,
+// for the failure paths a well-behaved HTTP server never shows a client:
+//
+//   Mode                          What a connection gets                           libcurl's result
+//   kRefuse                       nothing listens: the port is bound, never          CURLE_COULDNT_CONNECT (7)
+//                                 listened on, so connect() is refused
+//   kAcceptAndClose               request read, then an orderly close, no byte       CURLE_GOT_NOTHING (52)
+//   kResetAfterRequest            request read, then a reset (RST)                   CURLE_RECV_ERROR (56)
+//   kPartialResponse              request read, cannedResponse() sent (a head that   CURLE_PARTIAL_FILE (18)
+//                                 promises more body than follows), then closed
+//   kStall                        request read, then silence, connection held        CURLE_OPERATION_TIMEDOUT (28)
+//   kStallAfterPartialResponse    request read, cannedResponse() sent, then silence  once the low-speed limit fires
+//
+//   kx::test::RawTcpFaultServer server(kx::test::RawTcpFaultServer::Mode::kStall);
+//   curl_easy_setopt(curl, CURLOPT_URL, server.url("/").c_str());
+//   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+//   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 1L);
+//   EXPECT_EQ(curl_easy_perform(curl), CURLE_OPERATION_TIMEDOUT);
+//
+// libcurl judges the low-speed rule on its average over the last 5 s, so after the partial response's
+// burst a limit of 1 byte/s fires only some 6 s later; a limit above the burst's rate (100) fires at once.
+//
+// "Request read" means: up to the blank line ending the head, the client's close, or 5 s, whichever
+// comes first (a TLS client never sends a blank line; it gets the misbehaviour after 5 s).
+//
+// Thread-safety: thread-safe. One thread per connection; setMode() applies to connections accepted
+// after it.
+// Ownership: the destructor wakes every connection thread, closes all sockets and joins the threads at
+// once, stalled connections included.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kx::test {
+
+class RawTcpFaultServer {
+ public:
+  enum class Mode {
+    kRefuse,
+    kAcceptAndClose,
+    kResetAfterRequest,
+    kPartialResponse,
+    kStall,
+    kStallAfterPartialResponse,
+  };
+
+  // "HTTP/1.1 200 OK", a Content-Length of 1000 and the 12 bytes "partial body".
+  static const char* const kDefaultCannedResponse;
+
+  explicit RawTcpFaultServer(Mode mode);
+  ~RawTcpFaultServer();
+  RawTcpFaultServer(const RawTcpFaultServer&) = delete;
+  RawTcpFaultServer& operator=(const RawTcpFaultServer&) = delete;
+
+  bool isRunning() const;
+  const std::string& startError() const;
+
+  uint16_t port() const;
+  std::string url(std::string_view path) const;  // "http://127.0.0.1:<port>" + path
+
+  // Changes the behaviour for later connections. A kRefuse server stays refusing, and a listening one
+  // cannot start refusing.
+  void setMode(Mode mode);
+  // Bytes sent by the partial modes.
+  void setCannedResponse(std::string bytes);
+
+  uint64_t acceptedConnections() const;
+  // What each connection sent before the misbehaviour, in the order of acceptance.
+  std::vector<std::string> requestHeads() const;
+  // Waits until count connections have had their request read; false on time-out.
+  bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kx::test
