@@ -59,12 +59,16 @@ TEST_F(LogTest, SinkCanBeReplacedWhileOtherThreadsLog) {
       while (!stop.load()) kx::kxLog::log(3, "test", "spin");
     });
   }
+  std::atomic<int> delivered{0};
   for (int i = 0; i < 200; ++i) {
-    kx::kxLog::setSink([this](const kx::kxLogRecord& r) {
+    kx::kxLog::setSink([this, &delivered](const kx::kxLogRecord& r) {
+      ++delivered;
       std::lock_guard<std::mutex> lock(mutex_);
       if (records_.size() < 1000) records_.push_back(r);
     });
   }
+  // Keep the writers going until records reach the last installed sink, however the threads were scheduled.
+  while (delivered.load() < 100) std::this_thread::yield();
   stop = true;
   for (auto& t : writers) t.join();
   std::lock_guard<std::mutex> lock(mutex_);
