@@ -1,0 +1,170 @@
+#include <kx/Corvix.h>
+#include <kx/http/HttpHeaders.h>
+#include <kx/http/HttpPolicies.h>
+#include <kx/http/HttpUrl.h>
+#include <kx/system/kxThirdPartyLibRegistry.h>
+#include <kx/system/kxThreadPeriodicalUpdater.h>
+
+#include "core/LibraryState.h"
+#include "support/LogCapture.h"
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <openssl/crypto.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace kx {
+namespace {
+
+std::string DefaultUserAgent() {
+  const auto* values = GetDefaultHttpHeaders().find("user-agent");
+  return values == nullptr || values->empty() ? "" : values->front();
+}
+
+bool CurlRegistered() { return GetThirdPartyLibVersionInfo().count("libcurl") != 0; }
+
+// The lifecycle can only be observed from the outside: every other suite of this program balances its
+// own initialisations, so each test here starts and ends uninitialised.
+class CorvixLifecycleTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(detail::GetCorvixInitCount(), 0) << "an initialisation of another test is still outstanding";
+    savedUserAgent_ = DefaultUserAgent();
+  }
+  void TearDown() override {
+    while (detail::GetCorvixInitCount() > 0) terminateCorvix();
+    if (savedUserAgent_.empty()) {
+      EditDefaultHttpHeaders().removeHeader("User-Agent");
+    } else {
+      EditDefaultHttpHeaders().replaceHeader("User-Agent", savedUserAgent_);
+    }
+  }
+
+ private:
+  std::string savedUserAgent_;
+};
+
+TEST_F(CorvixLifecycleTest, NestedCallsOnlyCountAndLastTerminationTearsDown) {
+  EXPECT_FALSE(IsCorvixInitialized());
+  EXPECT_EQ(detail::GetPeriodicalUpdater(), nullptr);
+
+  EXPECT_TRUE(initializeCorvix("agent/1"));
+  EXPECT_TRUE(IsCorvixInitialized());
+  kxThreadPeriodicalUpdater* updater = detail::GetPeriodicalUpdater();
+  ASSERT_NE(updater, nullptr);
+  EXPECT_EQ(updater->getPeriodMs(), 2000);
+  EXPECT_EQ(GetThirdPartyLibVersionInfo()["libcurl"], curl_version());
+  // libcurl on this system runs on the same OpenSSL major version the tests link.
+  EXPECT_EQ(GetCurlOpenSSLVersionNumber() >> 28, OpenSSL_version_num() >> 28);
+
+  EXPECT_FALSE(initializeCorvix("agent/2"));
+  EXPECT_EQ(DefaultUserAgent(), "agent/2");  // replaced on nested calls too
+  EXPECT_FALSE(initializeCorvix(""));
+  EXPECT_EQ(DefaultUserAgent(), "agent/2");  // an empty agent changes nothing
+  EXPECT_EQ(detail::GetPeriodicalUpdater(), updater);
+
+  terminateCorvix();
+  terminateCorvix();
+  EXPECT_TRUE(IsCorvixInitialized());
+  EXPECT_EQ(detail::GetPeriodicalUpdater(), updater);
+  EXPECT_TRUE(CurlRegistered());
+
+  terminateCorvix();
+  EXPECT_FALSE(IsCorvixInitialized());
+  EXPECT_EQ(detail::GetPeriodicalUpdater(), nullptr);
+  EXPECT_FALSE(CurlRegistered());
+
+  terminateCorvix();  // unmatched: ignored
+  EXPECT_EQ(detail::GetCorvixInitCount(), 0);
+}
+
+TEST_F(CorvixLifecycleTest, CanStartAgainAfterTermination) {
+  ASSERT_TRUE(initializeCorvix("agent"));
+  terminateCorvix();
+  ASSERT_TRUE(initializeCorvix("agent"));
+  kxThreadPeriodicalUpdater* updater = detail::GetPeriodicalUpdater();
+  ASSERT_NE(updater, nullptr);
+  EXPECT_TRUE(updater->runNowAndWait(10000));  // the new updater thread runs
+  CURL* curl = curl_easy_init();
+  EXPECT_NE(curl, nullptr);
+  curl_easy_cleanup(curl);
+}
+
+TEST_F(CorvixLifecycleTest, DefaultsSurviveNestedTerminationAndResetAtTheLast) {
+  ASSERT_TRUE(initializeCorvix("agent"));
+  ASSERT_FALSE(initializeCorvix("agent"));
+  http::HttpPolicies defaults;
+  defaults.setSSLValidatePolicy(http::SVP_NoVerify);
+  defaults.setHostNameResolutionPolicy(http::HNRP_PreferIpv6);
+  const http::HttpUrl proxy("http://proxy:3128/");
+  ASSERT_TRUE(defaults.setHttpProxyPolicy(http::PP_StaticProxy, &proxy));
+  ASSERT_TRUE(defaults.setClientCertificatePolicyBlobP12("P12", 3, "pw"));
+  SetDefaultPolicies(defaults);
+
+  terminateCorvix();
+  EXPECT_TRUE(GetDefaultPolicies() == defaults);
+
+  terminateCorvix();
+  const http::HttpPolicies& reset = GetDefaultPolicies();
+  EXPECT_TRUE(reset == http::HttpPolicies());
+  EXPECT_EQ(reset.getHostNameResolutionPolicy(), http::HNRP_GlobalPolicy);  // not part of ==
+  EXPECT_EQ(reset.getStaticProxyUrl(), nullptr);
+  EXPECT_TRUE(reset.getClientCertificate().empty());
+  EXPECT_TRUE(reset.getClientKeyPassword().empty());
+}
+
+struct CurlVersionCase {
+  const char* name;
+  const char* curlVersion;
+  const char* openssl;  // "" when none is found
+};
+
+constexpr CurlVersionCase kCurlVersions[] = {
+    {"DebianMixedCase",
+     "libcurl/7.88.1 OpenSSL/3.0.19 zlib/1.2.13 brotli/1.0.9 zstd/1.5.4 libidn2/2.3.3 libpsl/0.21.2 (+libidn2/2.3.3)",
+     "3.0.19"},
+    {"LowerCase", "libcurl/7.29.0 openssl/1.1.1w zlib/1.2.7", "1.1.1w"},
+    {"UpperCase", "libcurl/8.5.0 OPENSSL/3.2.0", "3.2.0"},
+    {"RepeatedBlanks", "libcurl/7.88.1   OpenSSL/3.0.2  zlib/1.2.13", "3.0.2"},
+    {"FirstComponent", "OpenSSL/3.1.4", "3.1.4"},
+    {"GnuTlsBackEnd", "libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13", ""},
+    {"OpenSslNotAtStart", "libcurl/7.88.1 (OpenSSL/3.0.19) libssh2/1.10.0", ""},
+    {"PrefixOnly", "libcurl/7.88.1 OpenSSL/", ""},
+    {"Empty", "", ""},
+};
+
+class CurlOpenSSLVersionTest : public testing::TestWithParam<CurlVersionCase> {};
+
+TEST_P(CurlOpenSSLVersionTest, FindsTheOpenSSLComponent) {
+  EXPECT_EQ(detail::FindCurlOpenSSLVersionText(GetParam().curlVersion), GetParam().openssl);
+}
+
+INSTANTIATE_TEST_SUITE_P(Corvix, CurlOpenSSLVersionTest, testing::ValuesIn(kCurlVersions),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(CurlOpenSSLVersionTest, ThisLibcurlIsAccepted) {
+  EXPECT_NE(detail::FindCurlOpenSSLVersionText(curl_version()), "") << curl_version();
+  EXPECT_EQ(detail::DetermineCurlOpenSSLVersion("libcurl/7.88.1 OpenSSL/3.0.19 zlib/1.2.13"), 0x30000130ul);
+}
+
+TEST(CurlOpenSSLVersionTest, UnknownBackEndIsLoggedAndThrown) {
+  for (const char* text : {"libcurl/7.88.1 GnuTLS/3.7.9", "libcurl/7.88.1 OpenSSL/not-a-version"}) {
+    SCOPED_TRACE(text);
+    test::LogCapture log;
+    try {
+      detail::DetermineCurlOpenSSLVersion(text);
+      ADD_FAILURE() << "no exception";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "kxCorvix : ssl versioning error");
+    }
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 1u) << log.dump();
+    EXPECT_EQ(records[0].category, "kxCorvix");
+    EXPECT_EQ(records[0].text, "Cannot get curl openssl version (unknown version)");
+  }
+}
+
+}  // namespace
+}  // namespace kx
