@@ -1,0 +1,68 @@
+// Private state of kx::http::HttpConnection and the helpers its three source files share: the transfer
+// code (HttpConnection.cpp), the report and the curl trace (HttpConnectionDiagnostics.cpp) and the
+// CURLcode name table (CurlErrorNames.cpp). Kept out of the public header so that users' builds never
+// see libcurl's headers.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <kx/http/HttpConnection.h>
+#include <kx/http/HttpConnectionParameters.h>
+#include <kx/http/HttpHeaders.h>
+#include <kx/http/HttpProxyFinder.h>
+#include <kx/http/HttpUrl.h>
+#include <kx/system/kxTime.h>
+
+#include <cstdint>
+#include <string>
+
+namespace kx {
+namespace http {
+
+struct HttpConnection::State {
+  HttpProxyFinder proxyFinder;
+  HttpConnectionParameters parameters;
+  HttpHeaders commonHeaders;
+  CURL* curl = nullptr;
+  // The header list of the request in flight: curl keeps a pointer to it until the next reset, so it
+  // lives here and not on the stack of the call.
+  curl_slist* headerList = nullptr;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+  HttpUrl lastUrl;
+  int64_t lastUseTime = kTimeNeverSet;
+  int64_t creationTime = kTimeNeverSet;
+  uint64_t connectionUseCount = 0;
+  uint64_t socketUseCount = 0;
+  std::string errorText;
+  std::string extraErrorInfo;
+  std::string receivedContentType;
+  std::string debugTrace;
+  std::string requestId;
+  CURLcode curlResult = CURLE_OK;
+  long httpStatus = 0;
+  // Only true while curl_easy_perform runs with the log verbose: the debug callback records nothing
+  // outside that window, so a trace never mixes two calls.
+  bool traceEnabled = false;
+  // The last-use time as it was when the current call began. The report's "previous use" must show the
+  // use before this call, and lastUseTime is overwritten as soon as the call has run.
+  int64_t previousUseTime = kTimeNeverSet;
+};
+
+namespace detail {
+
+// libcurl's symbolic name of `code` ("CURLE_OK " for 0, with its trailing blank), or "Unknown Curl error
+// code" outside 0..100.
+const char* CurlCodeName(int code);
+
+// The name, " (", the decimal code, "), " and curl_easy_strerror's text.
+std::string CurlErrorText(int code);
+
+// CURLOPT_DEBUGFUNCTION of every connection; `userData` is the connection's State.
+int CurlDebugCallback(CURL* curl, curl_infotype type, char* text, size_t size, void* userData);
+
+// The multi-line report of getLastErrorMsg().
+std::string BuildErrorReport(const HttpConnection::State& state);
+
+}  // namespace detail
+}  // namespace http
+}  // namespace kx
