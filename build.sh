@@ -72,7 +72,8 @@ cmd_install_check() {
   readelf -d "$prefix/lib/libCorvix.so.3.0.0" | grep 'SONAME'
   test -L "$prefix/lib/libCorvix.so" && test -L "$prefix/lib/libCorvix.so.3"
   local consumer="$ROOT/tests/install/consumer"
-  configure_and_build "$ROOT/build/consumer-cmake" -S "$consumer" -DCMAKE_PREFIX_PATH="$prefix"
+  cmake -S "$consumer" -B "$ROOT/build/consumer-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"
+  cmake --build "$ROOT/build/consumer-cmake"
   LD_LIBRARY_PATH="$prefix/lib" "$ROOT/build/consumer-cmake/consumer"
   mkdir -p "$ROOT/build/consumer-pc"
   PKG_CONFIG_PATH="$prefix/lib/pkgconfig" sh -c \
@@ -117,6 +118,12 @@ cmd_bench() {
   done
 }
 
+cmd_demo() {  # optional URL
+  deps
+  configure_and_build "$ROOT/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  "$ROOT/build/examples/corvix_demo" "$@"
+}
+
 cmd_ci() {
   cmd_test
   cmd_sanitize
@@ -131,6 +138,7 @@ case "${1:-test}" in
   install-check) cmd_install_check ;;
   fuzz-smoke) shift; cmd_fuzz_smoke "$@" ;;
   bench) cmd_bench ;;
+  demo) shift; cmd_demo "$@" ;;
   ci) cmd_ci ;;
-  *) echo "usage: $0 {test|sanitize|install-check|fuzz-smoke [seconds]|bench|ci|deps}" >&2; exit 2 ;;
+  *) echo "usage: $0 {test|sanitize|install-check|fuzz-smoke [seconds]|bench|demo [url]|ci|deps}" >&2; exit 2 ;;
 esac
