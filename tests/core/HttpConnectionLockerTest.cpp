@@ -1,0 +1,124 @@
+// HttpConnectionLocker: the scoped lease gives pooled connections back, destroys private ones, and
+// warns (verbose log only) when a reused connection was taken to another host or port.
+#include <gtest/gtest.h>
+
+#include <kx/http/HttpConnection.h>
+#include <kx/http/HttpConnectionLocker.h>
+#include <kx/http/HttpConnectionPool.h>
+#include <kx/http/HttpHelpers.h>
+#include <kx/http/HttpUrl.h>
+
+#include "core/ConnectionTestCall.h"
+#include "support/LogCapture.h"
+#include "support/LoopbackHttpServer.h"
+
+#include <memory>
+#include <string>
+
+namespace {
+
+using kx::http::HttpConnection;
+using kx::http::HttpConnectionLocker;
+using kx::http::HttpConnectionPool;
+using kx::http::HttpHelpers;
+using kx::http::HttpUrl;
+using kx::test::LoopbackHttpServer;
+
+bool Get(HttpConnection& connection, const HttpUrl& url) {
+  return HttpHelpers::HttpGet(connection, url, nullptr, nullptr, nullptr, nullptr);
+}
+
+class HttpConnectionLockerTest : public kx::test::CorvixSuite {
+ protected:
+  std::string Warning(unsigned short declaredPort) const {
+    return "Http connection from pool was used with an other host/port '127.0.0.1' than the one declared "
+           "127.0.0.1:" +
+           std::to_string(declaredPort);
+  }
+
+  LoopbackHttpServer server;
+  LoopbackHttpServer other;
+  HttpConnectionPool pool;
+  HttpUrl url{server.url("/echo")};
+  HttpUrl otherUrl{other.url("/echo")};
+};
+
+TEST_F(HttpConnectionLockerTest, GivesTheConnectionBackOnScopeExit) {
+  kx::test::LogCapture quiet(false);
+  HttpConnection* leased = nullptr;
+  {
+    HttpConnectionLocker lease(pool, url);
+    leased = lease.get();
+    ASSERT_TRUE(Get(*lease, url)) << lease->getLastErrorMsg();
+  }
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  HttpConnectionLocker again(&pool, url);
+  EXPECT_EQ(again.get(), leased);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+}
+
+TEST_F(HttpConnectionLockerTest, SetConnectionReleasesThePreviousLease) {
+  kx::test::LogCapture quiet(false);
+  HttpConnectionLocker lease(pool, "127.0.0.1", server.port());
+  ASSERT_TRUE(Get(*lease, url));
+  HttpConnection* first = lease.get();
+  lease.setConnection("127.0.0.1", other.port());
+  EXPECT_NE(lease.get(), first);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+}
+
+TEST_F(HttpConnectionLockerTest, PrivateConnectionsNeverReachAPool) {
+  kx::test::LogCapture quiet(false);
+  {
+    HttpConnectionLocker lease(nullptr, url);
+    ASSERT_TRUE(Get(*lease, url));
+  }
+  {
+    auto own = std::make_unique<HttpConnection>();
+    HttpConnection* raw = own.get();
+    HttpConnectionLocker adopted(std::move(own));
+    EXPECT_EQ(adopted.get(), raw);
+    ASSERT_TRUE(Get(*adopted, url));
+  }
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+  EXPECT_EQ(server.acceptedConnections(), 2u);
+}
+
+TEST_F(HttpConnectionLockerTest, WarnsWhenAReusedConnectionMovedToAnotherPort) {
+  {
+    kx::test::LogCapture quiet(false);
+    HttpConnectionLocker lease(pool, url);
+    ASSERT_TRUE(Get(*lease, url));
+  }
+  kx::test::LogCapture log(true);
+  {
+    HttpConnectionLocker lease(pool, url);
+    ASSERT_TRUE(Get(*lease, otherUrl));
+  }
+  EXPECT_EQ(log.count(Warning(server.port())), 1u) << log.dump();
+  // Pooled under the host and port it last talked to.
+  HttpConnectionLocker onOther(pool, otherUrl);
+  EXPECT_TRUE(onOther->hasCurlHandle());
+}
+
+TEST_F(HttpConnectionLockerTest, NoWarningForFreshConnectionsOrWithoutVerboseLog) {
+  kx::test::LogCapture log(true);
+  {
+    HttpConnectionLocker fresh(pool, url);  // never used before this lease
+    ASSERT_TRUE(Get(*fresh, otherUrl));
+  }
+  {
+    HttpConnectionLocker sameServer(pool, otherUrl);
+    ASSERT_TRUE(Get(*sameServer, otherUrl));
+  }
+  EXPECT_FALSE(log.containsFragment("Http connection from pool")) << log.dump();
+  log.clear();
+  kx::kxLog::setVerbose(false);
+  {
+    HttpConnectionLocker moved(pool, otherUrl);
+    ASSERT_TRUE(Get(*moved, url));
+  }
+  EXPECT_FALSE(log.containsFragment("Http connection from pool")) << log.dump();
+}
+
+}  // namespace

@@ -1,0 +1,304 @@
+// HttpConnectionPool against the loopback server: what is pooled and what is closed, the order of
+// reuse, generations, expiry under an injected clock, capacity, and registration with the updater.
+#include <gtest/gtest.h>
+
+#include <kx/Corvix.h>
+#include <kx/http/HttpConnection.h>
+#include <kx/http/HttpConnectionParameters.h>
+#include <kx/http/HttpConnectionPool.h>
+#include <kx/http/HttpHelpers.h>
+#include <kx/http/HttpUrl.h>
+#include <kx/system/kxThreadPeriodicalUpdater.h>
+
+#include "core/ConnectionTestCall.h"
+#include "core/LibraryState.h"
+#include "support/LogCapture.h"
+#include "support/LoopbackHttpServer.h"
+#include "support/RawTcpFaultServer.h"
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+
+namespace {
+
+using kx::http::HttpConnection;
+using kx::http::HttpConnectionPool;
+using kx::http::HttpHelpers;
+using kx::http::HttpUrl;
+using kx::test::LoopbackHttpServer;
+
+std::atomic<int64_t> g_fakeNow{1'000'000};
+int64_t FakeNow() { return g_fakeNow.load(); }
+
+class HttpConnectionPoolTest : public kx::test::CorvixSuite {
+ protected:
+  // One GET on `connection`; its last URL then names the server.
+  bool Use(HttpConnection& connection, const std::string& path = "/echo") {
+    return HttpHelpers::HttpGet(connection, HttpUrl(server.url(path)), nullptr, nullptr, nullptr, nullptr);
+  }
+  std::pair<HttpConnection*, unsigned int> LeaseAndUse() {
+    auto lease = pool.getHttpConnection("127.0.0.1", server.port());
+    EXPECT_TRUE(Use(*lease.first)) << lease.first->getLastErrorMsg();
+    return lease;
+  }
+
+  kx::test::LogCapture quiet{false};
+  LoopbackHttpServer server;
+  HttpConnectionPool pool;
+};
+
+TEST_F(HttpConnectionPoolTest, ReusesReleasedConnectionAndItsSocket) {
+  auto first = LeaseAndUse();
+  EXPECT_EQ(first.first->getSocketUseCount(), 0u) << "a transfer on a new socket counts from 0";
+  pool.releaseHttpConnection(first);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  auto second = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(second.first, first.first);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+  ASSERT_TRUE(Use(*second.first));
+  EXPECT_EQ(second.first->getSocketUseCount(), 1u);
+  EXPECT_EQ(second.first->getConnectionUseCount(), 2u);
+  EXPECT_EQ(server.acceptedConnections(), 1u);
+  pool.releaseHttpConnection(second);
+}
+
+TEST_F(HttpConnectionPoolTest, KeyIsHostBytesAndPort) {
+  LoopbackHttpServer other;
+  pool.releaseHttpConnection(LeaseAndUse());
+  auto otherPort = pool.getHttpConnection("127.0.0.1", other.port());
+  auto otherName = pool.getHttpConnection("localhost", server.port());
+  EXPECT_FALSE(otherPort.first->hasCurlHandle()) << "a fresh connection, not the idle one";
+  EXPECT_FALSE(otherName.first->hasCurlHandle());
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  pool.releaseHttpConnection(otherPort);  // never used: not pooled
+  pool.releaseHttpConnection(otherName);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+}
+
+TEST_F(HttpConnectionPoolTest, HandsOutMostRecentlyReleasedFirst) {
+  auto a = LeaseAndUse();
+  auto b = LeaseAndUse();
+  ASSERT_NE(a.first, b.first);
+  pool.releaseHttpConnection(a);
+  pool.releaseHttpConnection(b);
+  auto first = pool.getHttpConnection("127.0.0.1", server.port());
+  auto second = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(first.first, b.first);
+  EXPECT_EQ(second.first, a.first);
+  pool.releaseHttpConnection(first);
+  pool.releaseHttpConnection(second);
+}
+
+TEST_F(HttpConnectionPoolTest, MaxPendingZeroKeepsOne) {
+  pool.setMaxPendingConnection(0);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 1u);
+  auto a = LeaseAndUse();
+  auto b = LeaseAndUse();
+  pool.releaseHttpConnection(a);
+  pool.releaseHttpConnection(b);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  auto kept = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(kept.first, b.first) << "capacity trims the oldest";
+  pool.releaseHttpConnection(kept);
+}
+
+TEST_F(HttpConnectionPoolTest, CapacityIsRaisedNeverLowered) {
+  pool.setMaxPendingConnection(3);
+  pool.ensureAtLeastMaxConcurrentConnection(2);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 3u);
+  pool.ensureAtLeastMaxConcurrentConnection(5);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 5u);
+}
+
+TEST_F(HttpConnectionPoolTest, LoweringCapacityClosesOldestIdleConnections) {
+  auto a = LeaseAndUse();
+  auto b = LeaseAndUse();
+  auto c = LeaseAndUse();
+  pool.setMaxPendingConnection(3);
+  pool.releaseHttpConnection(a);
+  pool.releaseHttpConnection(b);
+  pool.releaseHttpConnection(c);
+  pool.setMaxPendingConnection(2);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 2u);
+  auto first = pool.getHttpConnection("127.0.0.1", server.port());
+  auto second = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(first.first, c.first);
+  EXPECT_EQ(second.first, b.first);
+  pool.releaseHttpConnection(first);
+  pool.releaseHttpConnection(second);
+}
+
+TEST_F(HttpConnectionPoolTest, FailedTransferIsNotPooled) {
+  kx::test::RawTcpFaultServer fault(kx::test::RawTcpFaultServer::Mode::kAcceptAndClose);
+  auto lease = pool.getHttpConnection("127.0.0.1", fault.port());
+  EXPECT_FALSE(HttpHelpers::HttpGet(*lease.first, HttpUrl(fault.url("/")), nullptr, nullptr, nullptr, nullptr));
+  pool.releaseHttpConnection(lease);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+}
+
+TEST_F(HttpConnectionPoolTest, ConnectionClosedByServerIsNotPooled) {
+  kx::test::LoopbackHttpServerOptions options;
+  options.keepAliveMaxRequests = 1;  // the answer says "Connection: close"
+  LoopbackHttpServer closing(options);
+  auto lease = pool.getHttpConnection("127.0.0.1", closing.port());
+  ASSERT_TRUE(HttpHelpers::HttpGet(*lease.first, HttpUrl(closing.url("/echo")), nullptr, nullptr, nullptr, nullptr));
+  pool.releaseHttpConnection(lease);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+}
+
+TEST_F(HttpConnectionPoolTest, UnusedConnectionIsNotPooled) {
+  pool.releaseHttpConnection(pool.getHttpConnection("127.0.0.1", server.port()));
+  pool.releaseHttpConnection({nullptr, 0});
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+}
+
+TEST_F(HttpConnectionPoolTest, StaleIdleEntriesAreDiscardedAtLeaseTime) {
+  auto a = LeaseAndUse();
+  auto b = LeaseAndUse();
+  pool.releaseHttpConnection(a);
+  pool.releaseHttpConnection(b);
+  // Test-only: the pool owns b now, but nothing else touches it while this thread drops its socket.
+  b.first->clearConnection();
+  auto lease = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(lease.first, a.first) << "b was the front entry but has no socket";
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+  pool.releaseHttpConnection(lease);
+}
+
+TEST_F(HttpConnectionPoolTest, ReleaseAllClosesIdleAndRefusesEarlierLeases) {
+  pool.releaseHttpConnection(LeaseAndUse());
+  auto early = LeaseAndUse();
+  auto earlier = pool.getHttpConnection("127.0.0.1", server.port());
+  ASSERT_TRUE(Use(*earlier.first));
+  pool.releaseHttpConnection(earlier);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  const unsigned int generation = pool.getGeneration();
+  pool.releaseAllConnections();
+  EXPECT_EQ(pool.getGeneration(), generation + 1);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+  pool.releaseHttpConnection(early);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u) << "leased before releaseAllConnections: closed";
+  auto late = LeaseAndUse();
+  EXPECT_EQ(late.second, generation + 1);
+  pool.releaseHttpConnection(late);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u) << "the pool stays usable";
+}
+
+TEST_F(HttpConnectionPoolTest, LeasesCarryTheDefaultParameters) {
+  kx::http::HttpConnectionParameters parameters;
+  parameters.maxRedirects = 7;
+  auto used = LeaseAndUse();
+  used.first->editConnectionParameters().maxRedirects = 1;
+  pool.releaseHttpConnection(used);
+  pool.setDefaultConnectionParameters(parameters);
+  EXPECT_EQ(pool.getDefaultConnectionParameters().maxRedirects, 7);
+  auto reused = pool.getHttpConnection("127.0.0.1", server.port());
+  auto fresh = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(reused.first, used.first);
+  EXPECT_EQ(reused.first->getConnectionParameters().maxRedirects, 7);
+  EXPECT_EQ(fresh.first->getConnectionParameters().maxRedirects, 7);
+  pool.releaseHttpConnection(reused);
+  pool.releaseHttpConnection(fresh);
+}
+
+// Expiry: an entry idle for exactly the keep-open duration stays; one millisecond more and it goes.
+struct ExpiryCase {
+  const char* name;
+  int64_t keepOpenSec;  // -1: the default of 30 s
+  int64_t idleMs;
+  size_t idleAfter;
+};
+constexpr ExpiryCase kExpiryCases[] = {
+    {"DefaultIdle30000", -1, 30000, 1}, {"DefaultIdle30001", -1, 30001, 0}, {"OneSecondIdle1000", 1, 1000, 1},
+    {"OneSecondIdle1001", 1, 1001, 0},  {"ZeroIdle0", 0, 0, 1},             {"ZeroIdle1", 0, 1, 0},
+    {"ClockWentBackwards", -1, -5000, 1},
+};
+
+class HttpConnectionPoolExpiryTest : public HttpConnectionPoolTest,
+                                     public testing::WithParamInterface<ExpiryCase> {};
+
+TEST_P(HttpConnectionPoolExpiryTest, ExpiresStrictlyAfterKeepOpenDuration) {
+  const ExpiryCase& c = GetParam();
+  pool.setTimeSource(&FakeNow);
+  if (c.keepOpenSec >= 0) pool.setKeepOpenDurationSec(static_cast<uint64_t>(c.keepOpenSec));
+  EXPECT_EQ(pool.getKeepOpenDurationMs(), c.keepOpenSec >= 0 ? static_cast<uint64_t>(c.keepOpenSec) * 1000 : 30000u);
+  g_fakeNow = 1'000'000;
+  pool.releaseHttpConnection(LeaseAndUse());
+  ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
+  g_fakeNow = 1'000'000 + c.idleMs;
+  HttpConnectionPool::UpdatePool(&pool);
+  EXPECT_EQ(pool.getIdleConnectionCount(), c.idleAfter);
+  pool.setTimeSource(nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(Pool, HttpConnectionPoolExpiryTest, testing::ValuesIn(kExpiryCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(HttpConnectionPoolTest, ExpiryRemovesOnlyExpiredEntries) {
+  pool.setTimeSource(&FakeNow);
+  g_fakeNow = 2'000'000;
+  auto older = LeaseAndUse();
+  auto newer = LeaseAndUse();
+  pool.releaseHttpConnection(older);
+  g_fakeNow = 2'010'000;
+  pool.releaseHttpConnection(newer);
+  g_fakeNow = 2'030'001;  // older idle 30 001 ms, newer 20 001 ms
+  HttpConnectionPool::UpdatePool(&pool);
+  ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
+  auto left = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(left.first, newer.first);
+  pool.releaseHttpConnection(left);
+  pool.setTimeSource(nullptr);
+}
+
+TEST_F(HttpConnectionPoolTest, HugeKeepOpenSaturatesInsteadOfWrapping) {
+  pool.setTimeSource(&FakeNow);
+  pool.setKeepOpenDurationSec(std::numeric_limits<uint64_t>::max() / 999);  // * 1000 would wrap
+  EXPECT_EQ(pool.getKeepOpenDurationMs(), std::numeric_limits<uint64_t>::max());
+  g_fakeNow = std::numeric_limits<int64_t>::min() + 1;
+  pool.releaseHttpConnection(LeaseAndUse());
+  g_fakeNow = std::numeric_limits<int64_t>::max();
+  HttpConnectionPool::UpdatePool(&pool);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  pool.setTimeSource(nullptr);
+}
+
+TEST_F(HttpConnectionPoolTest, PeriodicalUpdaterTrimsRegisteredPoolsOnly) {
+  kx::kxThreadPeriodicalUpdater* updater = kx::detail::GetPeriodicalUpdater();
+  ASSERT_NE(updater, nullptr);
+  {
+    // A pool that dies before the next pass must be gone from the updater (ASan would see the pass
+    // touch freed memory otherwise).
+    HttpConnectionPool shortLived;
+    shortLived.releaseHttpConnection(LeaseAndUse());
+  }
+  pool.setTimeSource(&FakeNow);
+  g_fakeNow = 3'000'000;
+  pool.releaseHttpConnection(LeaseAndUse());
+  ASSERT_TRUE(updater->runNowAndWait(10000));
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  g_fakeNow = 3'030'001;
+  ASSERT_TRUE(updater->runNowAndWait(10000));
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+  pool.setTimeSource(nullptr);
+}
+
+// Outside initializeCorvix/terminateCorvix there is no updater: creating and destroying a pool there
+// does nothing with it, whichever side of the window each end falls on.
+TEST(HttpConnectionPoolLifetimeTest, PoolsOutsideTheInitialisedWindowWork) {
+  if (kx::IsCorvixInitialized()) GTEST_SKIP() << "needs the library not initialised";
+  ASSERT_EQ(kx::detail::GetPeriodicalUpdater(), nullptr);
+  auto bornBefore = std::make_unique<HttpConnectionPool>();
+  ASSERT_TRUE(kx::initializeCorvix("kx-pool-lifetime"));
+  auto bornInside = std::make_unique<HttpConnectionPool>();
+  bornBefore.reset();  // removes a callback it never registered
+  ASSERT_TRUE(kx::detail::GetPeriodicalUpdater()->runNowAndWait(10000));
+  kx::terminateCorvix();
+  bornInside.reset();  // the updater it registered with is gone
+  EXPECT_EQ(kx::detail::GetPeriodicalUpdater(), nullptr);
+}
+
+}  // namespace

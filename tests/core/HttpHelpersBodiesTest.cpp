@@ -1,0 +1,231 @@
+// Request bodies of the helpers: PUT and POST from memory, string and devices (random access or not),
+// the bytes and framing the server receives, rewinding on redirects, and failing sources.
+#include <gtest/gtest.h>
+
+#include <kx/http/HttpConnection.h>
+#include <kx/http/HttpHelpers.h>
+#include <kx/http/HttpUrl.h>
+#include <kx/system/kxIoDevice.h>
+#include <kx/system/kxIoDeviceFileStream.h>
+#include <kx/system/kxIoDeviceStringReadOnly.h>
+
+#include "core/ConnectionTestCall.h"
+#include "support/LogCapture.h"
+#include "support/LoopbackHttpServer.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+using kx::http::HttpConnection;
+using kx::http::HttpHelpers;
+using kx::http::HttpUrl;
+using kx::test::LoopbackHttpServer;
+
+// A readable device without random access, delivering at most 1000 bytes per read. It can fail after
+// `failAt` bytes, or stall there (nothing delivered, no error, not at its end).
+class StreamSource : public kx::kxIoDevice {
+ public:
+  enum class Fault { kNone, kError, kStall };
+  explicit StreamSource(std::string data, size_t faultAt = std::string::npos, Fault fault = Fault::kNone)
+      : kxIoDevice(DW_Read), data_(std::move(data)), faultAt_(faultAt), fault_(fault) {}
+
+  size_t readBytes(char* buffer, size_t size) override {
+    if (!readAllowed()) return 0;
+    if (position_ >= faultAt_) {
+      if (fault_ == Fault::kError) setDeviceError("source broke");
+      return 0;
+    }
+    const size_t n = std::min({size, size_t{1000}, data_.size() - position_, faultAt_ - position_});
+    std::memcpy(buffer, data_.data() + position_, n);
+    position_ += n;
+    return n;
+  }
+  bool atEnd() const override { return position_ == data_.size(); }
+
+ private:
+  std::string data_;
+  size_t position_ = 0;
+  size_t faultAt_;
+  Fault fault_;
+};
+
+enum class Source { kMemory, kString, kSeekableDevice, kStreamDevice, kFile };
+struct BodyCase {
+  const char* name;
+  bool post;
+  Source source;
+  size_t size;
+};
+constexpr BodyCase kBodyCases[] = {
+    {"PutMemory", false, Source::kMemory, 70000},          {"PutString", false, Source::kString, 1},
+    {"PutSeekable", false, Source::kSeekableDevice, 70000}, {"PutStream", false, Source::kStreamDevice, 70000},
+    {"PutFile", false, Source::kFile, 70000},              {"PutEmpty", false, Source::kMemory, 0},
+    {"PostMemory", true, Source::kMemory, 70000},          {"PostString", true, Source::kString, 5},
+    {"PostSeekable", true, Source::kSeekableDevice, 70000}, {"PostStream", true, Source::kStreamDevice, 70000},
+    {"PostFile", true, Source::kFile, 3000},               {"PostEmptyStream", true, Source::kStreamDevice, 0},
+};
+
+class HttpHelpersBodiesTest : public kx::test::CorvixSuite {
+ protected:
+  void TearDown() override {
+    if (!filePath.empty()) std::remove(filePath.c_str());
+  }
+
+  // Sends `data` from `source` with the PUT or POST helper.
+  bool Send(bool post, Source source, const std::string& data, const std::string& path,
+            HttpHelpers::HttpResult* result = nullptr) {
+    const HttpUrl url(server.url(path));
+    switch (source) {
+      case Source::kMemory:
+        return post ? HttpHelpers::HttpPost(data.data(), data.size(), connection, url, 200, result, nullptr, nullptr,
+                                            nullptr)
+                    : HttpHelpers::HttpPut(data.data(), data.size(), connection, url, 200, result, nullptr, nullptr,
+                                           nullptr);
+      case Source::kString:
+        return post ? HttpHelpers::HttpPost(connection, url, data, 200, result, nullptr, nullptr, nullptr)
+                    : HttpHelpers::HttpPut(connection, url, data, 200, result, nullptr, nullptr, nullptr);
+      case Source::kSeekableDevice: {
+        kx::kxIoDeviceStringReadOnly device(data);
+        return SendDevice(post, device, url, result);
+      }
+      case Source::kStreamDevice: {
+        StreamSource device(data);
+        return SendDevice(post, device, url, result);
+      }
+      case Source::kFile: {
+        char name[] = "/tmp/kx-helpers-body-XXXXXX";
+        const int fd = mkstemp(name);
+        EXPECT_GE(fd, 0);
+        filePath = name;
+        EXPECT_EQ(write(fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+        close(fd);
+        kx::kxIoDeviceFileStream file;
+        EXPECT_TRUE(file.open(filePath, kx::kxIoDevice::DW_Read)) << file.getDeviceErrorMsg();
+        return SendDevice(post, file, url, result);
+      }
+    }
+    return false;
+  }
+  bool SendDevice(bool post, kx::kxIoDevice& device, const HttpUrl& url, HttpHelpers::HttpResult* result) {
+    return post ? HttpHelpers::HttpPost(connection, url, device, 200, result, nullptr, nullptr, nullptr)
+                : HttpHelpers::HttpPut(connection, url, device, 200, result, nullptr, nullptr, nullptr);
+  }
+  std::string Report() const { return connection.getLastErrorMsg(); }
+
+  kx::test::LogCapture log{false};
+  LoopbackHttpServer server;
+  HttpConnection connection;
+  std::string filePath;
+};
+
+class HttpHelpersBodyCaseTest : public HttpHelpersBodiesTest, public testing::WithParamInterface<BodyCase> {};
+
+TEST_P(HttpHelpersBodyCaseTest, ServerReceivesTheExactBody) {
+  const BodyCase& c = GetParam();
+  const std::string data = LoopbackHttpServer::PatternBytes(c.size);
+  std::string echoed;
+  HttpHelpers::HttpResult result;
+  result.body = &echoed;
+  ASSERT_TRUE(Send(c.post, c.source, data, "/echo/body", &result)) << Report();
+  const auto request = server.lastRequest();
+  EXPECT_EQ(request.method, c.post ? "POST" : "PUT");
+  EXPECT_EQ(request.body, data);
+  EXPECT_EQ(echoed, data);
+  EXPECT_EQ(request.header("Content-Type"), "application/octet-stream");
+  // Only a device of unknown length is sent chunked; everything else announces its length.
+  if (c.source == Source::kStreamDevice) {
+    EXPECT_EQ(request.header("Transfer-Encoding"), "chunked");
+  } else {
+    EXPECT_EQ(request.header("Content-Length"), std::to_string(c.size));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Bodies, HttpHelpersBodyCaseTest, testing::ValuesIn(kBodyCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(HttpHelpersBodiesTest, RandomAccessDeviceIsSentFromItsPosition) {
+  kx::kxIoDeviceStringReadOnly device("skip-me|payload");
+  ASSERT_TRUE(device.seek(8));
+  ASSERT_TRUE(HttpHelpers::HttpPut(connection, HttpUrl(server.url("/echo/body")), device, 200, nullptr, nullptr,
+                                   nullptr, nullptr));
+  EXPECT_EQ(server.lastRequest().body, "payload");
+  EXPECT_EQ(server.lastRequest().header("Content-Length"), "7");
+}
+
+// A 307 keeps the method and needs the body once more: curl rewinds it through the seek function.
+struct RedirectCase {
+  const char* name;
+  bool post;
+  Source source;
+  bool resent;  // false: the body cannot be rewound and the call fails
+};
+constexpr RedirectCase kRedirectCases[] = {
+    {"PutMemory", false, Source::kMemory, true},        {"PostMemory", true, Source::kMemory, true},
+    {"PutSeekable", false, Source::kSeekableDevice, true}, {"PostFile", true, Source::kFile, true},
+    {"PutStream", false, Source::kStreamDevice, false},  {"PostStream", true, Source::kStreamDevice, false},
+};
+
+class HttpHelpersRedirectTest : public HttpHelpersBodiesTest, public testing::WithParamInterface<RedirectCase> {};
+
+TEST_P(HttpHelpersRedirectTest, RedirectResendsRewindableBodiesOnly) {
+  const RedirectCase& c = GetParam();
+  const std::string data = LoopbackHttpServer::PatternBytes(20000);
+  const bool ok = Send(c.post, c.source, data, "/redirect-to?status=307&url=/echo/body");
+  ASSERT_EQ(ok, c.resent) << Report();
+  const auto requests = server.requests();
+  if (c.resent) {
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[1].path, "/echo/body");
+    EXPECT_EQ(requests[1].method, c.post ? "POST" : "PUT");
+    EXPECT_EQ(requests[1].body, data);
+  } else {
+    EXPECT_EQ(connection.getLastCurlCode(), 65);  // CURLE_SEND_FAIL_REWIND
+    EXPECT_EQ(requests.size(), 1u);
+    EXPECT_TRUE(log.containsFragment(c.post ? "Http POST error " : "Http PUT error ")) << log.dump();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Bodies, HttpHelpersRedirectTest, testing::ValuesIn(kRedirectCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(HttpHelpersBodiesTest, FailingSourceDeviceIsNamedInTheLog) {
+  StreamSource device(LoopbackHttpServer::PatternBytes(50000), 20000, StreamSource::Fault::kError);
+  EXPECT_FALSE(HttpHelpers::HttpPut(connection, HttpUrl(server.url("/echo/body")), device, 200, nullptr, nullptr,
+                                    nullptr, nullptr));
+  EXPECT_EQ(connection.getLastCurlCode(), 42);  // CURLE_ABORTED_BY_CALLBACK, from the read function
+  const auto texts = log.texts("http");
+  ASSERT_EQ(texts.size(), 1u) << log.dump();
+  const std::string report = Report();
+  const std::string head = "Http PUT error " + report.substr(0, report.find("\nConnection created "));
+  const std::string tail = "(device in error : source broke)";
+  EXPECT_EQ(texts[0].substr(0, head.size()), head);
+  EXPECT_EQ(texts[0].substr(texts[0].size() - std::min(texts[0].size(), tail.size())), tail);
+}
+
+TEST_F(HttpHelpersBodiesTest, StalledSourceDeviceFailsInsteadOfTruncating) {
+  StreamSource device(LoopbackHttpServer::PatternBytes(50000), 20000, StreamSource::Fault::kStall);
+  EXPECT_FALSE(HttpHelpers::HttpPost(connection, HttpUrl(server.url("/echo/body")), device, 200, nullptr, nullptr,
+                                     nullptr, nullptr));
+  EXPECT_NE(Report().find("request body device delivered no data before its end"), std::string::npos) << Report();
+  for (const auto& request : server.requests()) EXPECT_NE(request.body.size(), 20000u) << "truncated body accepted";
+}
+
+TEST_F(HttpHelpersBodiesTest, NullDataWithSizeIsRefusedBeforeSending) {
+  EXPECT_FALSE(HttpHelpers::HttpPut(nullptr, 10, connection, HttpUrl(server.url("/echo/body")), 200, nullptr,
+                                    nullptr, nullptr, nullptr));
+  EXPECT_NE(Report().find("User callback return and error"), std::string::npos) << Report();
+  EXPECT_EQ(server.requestCount(), 0u);
+  ASSERT_TRUE(HttpHelpers::HttpPut(nullptr, 0, connection, HttpUrl(server.url("/echo/body")), 200, nullptr, nullptr,
+                                   nullptr, nullptr))
+      << Report();
+  EXPECT_EQ(server.lastRequest().header("Content-Length"), "0");
+}
+
+}  // namespace
