@@ -27,8 +27,8 @@ std::atomic<bool> g_noVerifyNotYetWarned{true};
 
 // What ResolveSSLClientCertificateAndKey points at when no level supplies material. Constant-initialised
 // and never modified, so the pointers handed out stay valid for the whole process.
-constinit const std::vector<char> kNoBytes;
-constinit const std::string kNoPassword;
+const std::vector<char> kNoBytes;
+const std::string kNoPassword;
 
 // The common pattern: the request's own value when it has one, else the default's, else `fallback`.
 template <typename Policy>
