@@ -62,6 +62,17 @@ cmd_sanitize() {
     run_tests "$ROOT/build-asan"
 }
 
+cmd_tsan() {
+  deps
+  log "ThreadSanitizer build of the concurrency-heavy suites (platform and transfers)"
+  local dir="$ROOT/build-tsan"
+  cmake -S "$ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKX_WARNINGS_AS_ERRORS=ON -DKX_TSAN=ON \
+    -DKX_HEADER_CHECK=OFF -DKX_BUILD_EXAMPLES=OFF
+  cmake --build "$dir" -j "$JOBS" --target platform_tests core_tests
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "$dir/tests/platform_tests" --gtest_brief=1
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "$dir/tests/core_tests" --gtest_brief=1
+}
+
 cmd_install_check() {
   deps
   log "install and build a consumer through find_package and pkg-config"
@@ -127,6 +138,7 @@ cmd_demo() {  # optional URL
 cmd_ci() {
   cmd_test
   cmd_sanitize
+  cmd_tsan
   cmd_install_check
   cmd_fuzz_smoke "${FUZZ_SECONDS:-30}"
 }
@@ -135,10 +147,11 @@ case "${1:-test}" in
   deps) deps ;;
   test) cmd_test ;;
   sanitize) cmd_sanitize ;;
+  tsan) cmd_tsan ;;
   install-check) cmd_install_check ;;
   fuzz-smoke) shift; cmd_fuzz_smoke "$@" ;;
   bench) cmd_bench ;;
   demo) shift; cmd_demo "$@" ;;
   ci) cmd_ci ;;
-  *) echo "usage: $0 {test|sanitize|install-check|fuzz-smoke [seconds]|bench|demo [url]|ci|deps}" >&2; exit 2 ;;
+  *) echo "usage: $0 {test|sanitize|tsan|install-check|fuzz-smoke [seconds]|bench|demo [url]|ci|deps}" >&2; exit 2 ;;
 esac
