@@ -26,7 +26,6 @@ namespace kx {
 
 namespace {
 
-constexpr kxLogType kLogError = 1;
 constexpr const char* kLogCategory = "kxCorvix";
 constexpr const char* kCurlLibName = "libcurl";
 constexpr std::string_view kOpenSSLPrefix = "openssl/";
@@ -68,7 +67,7 @@ unsigned long DetermineCurlOpenSSLVersion(std::string_view curlVersionText) {
   const std::string versionText = FindCurlOpenSSLVersionText(curlVersionText);
   const unsigned long version = versionText.empty() ? 0 : kxOpenSSL::ParseOpenSSLVersionString(versionText);
   if (version == 0) {
-    kxLog::log(kLogError, kLogCategory, "Cannot get curl openssl version (unknown version)");
+    kxLog::log(kLogTypeError, kLogCategory, "Cannot get curl openssl version (unknown version)");
     throw std::runtime_error("kxCorvix : ssl versioning error");
   }
   return version;

@@ -15,10 +15,6 @@ namespace kx {
 namespace http {
 namespace {
 
-constexpr kxLogType kLogWarning = 4;
-constexpr kxLogType kLogError = 5;
-constexpr kxLogType kLogDebug = 3;
-
 // Progress callback: the only point where curl lets the caller stop a running transfer. A true answer
 // makes curl end with CURLE_ABORTED_BY_CALLBACK at its next tick (at least once a second, also while
 // the peer is silent).
@@ -99,7 +95,7 @@ bool HttpConnection::getHttpData(const HttpUrl& url, const std::string& expected
     s.connectionUseCount = 0;
     s.socketUseCount = 0;
     if (kxLog::isVerbose()) {
-      kxLog::log(kLogWarning, "http",
+      kxLog::log(kLogTypeWarning, "http",
                  "Http connection was reused with a different host:port " + s.lastUrl.toDisplayableUrl() + " " +
                      url.toDisplayableUrl());
     }
@@ -220,7 +216,7 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
 
   const bool cancelled = cancel != nullptr && cancel->shouldCancel();
   if (!s.debugTrace.empty() && !cancelled && verbose)
-    kxLog::log(kLogDebug, "curl", "Curl debug output \n" + s.debugTrace);
+    kxLog::log(kLogTypeDebug, "curl", "Curl debug output \n" + s.debugTrace);
 
   s.httpStatus = 0;
   curl_easy_getinfo(s.curl, CURLINFO_RESPONSE_CODE, &s.httpStatus);
@@ -296,7 +292,7 @@ bool HttpConnection::setupConnection(const HttpUrl& url, const kxCancelInterface
   if (s.curl == nullptr) {
     if (!IsCorvixInitialized()) {
       s.errorText = "Corvix library not initialized.";
-      kxLog::log(kLogError, "http", s.errorText);
+      kxLog::log(kLogTypeError, "http", s.errorText);
       return false;
     }
     s.curl = curl_easy_init();

@@ -56,7 +56,7 @@ void HttpConnectionLocker::release() {
     const bool movedElsewhere = last.getHost() != declaredHost_ || last.getPort() != declaredPort_ ||
                                 last.getHost() != leasedHost_ || last.getPort() != leasedPort_;
     if (usedBeforeLease && movedElsewhere && kxLog::isVerbose()) {
-      kxLog::log(4, "http",
+      kxLog::log(kLogTypeWarning, "http",
                  "Http connection from pool was used with an other host/port '" + last.getHost() +
                      "' than the one declared " + declaredHost_ + ":" +
                      kxStringUtils::ToDecimal(declaredPort_));

@@ -16,8 +16,6 @@ namespace kx {
 namespace http {
 namespace {
 
-constexpr kxLogType kLogWarning = 4;
-
 // curl_easy_setopt is variadic: every value must reach it with the exact type the option reads (long,
 // curl_off_t, a pointer), or curl reads garbage. These wrappers pin the type at each call site.
 int SetLong(CURL* curl, CURLoption option, long value) { return curl_easy_setopt(curl, option, value); }
@@ -79,7 +77,7 @@ int ApplyProxy(CURL* curl, const HttpUrl& url, const HttpPolicies* policies, Htt
         return SetText(curl, CURLOPT_PROXY, proxy.c_str());
       }
       // The proxy URL's own markers are left out: its policies are not the request's.
-      kxLog::log(kLogWarning, "http",
+      kxLog::log(kLogTypeWarning, "http",
                  "Static proxy url is invalid " +
                      (proxyUrl != nullptr ? proxyUrl->toDisplayableUrlWithoutMarkers() : std::string("NULL")) +
                      " disable proxy for this call");

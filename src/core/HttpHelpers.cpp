@@ -29,8 +29,6 @@ namespace {
 
 using detail::HttpCallContext;
 
-constexpr kxLogType kLogError = 5;
-
 HttpCallContext& ContextOf(void* userData) { return *static_cast<HttpCallContext*>(userData); }
 
 // An expected status of 0 accepts every answer: the body then goes to the sink and is never kept as an
@@ -277,7 +275,7 @@ bool Logged(bool ok, const char* method, const HttpConnection& connection, const
   if (ok) return true;
   std::string text = std::string("Http ") + method + " error " + connection.getLastErrorMsg();
   if (source != nullptr && source->hasDeviceError()) text += "(device in error : " + source->getDeviceErrorMsg() + ")";
-  kxLog::log(kLogError, "http", text);
+  kxLog::log(kLogTypeError, "http", text);
   return false;
 }
 

@@ -17,7 +17,6 @@ namespace http {
 
 namespace {
 
-constexpr kxLogType kLogError = 5;
 constexpr const char* kLogCategory = "http";
 
 // The log texts. The key file's open failure carries one blank more than the others; programs that
@@ -69,10 +68,10 @@ bool ReadCertificateFile(const std::string& path, const char* openFailureText, s
     case FileReadResult::kOk:
       return true;
     case FileReadResult::kUnusable:
-      kxLog::log(kLogError, kLogCategory, openFailureText + path);
+      kxLog::log(kLogTypeError, kLogCategory, openFailureText + path);
       return false;
     case FileReadResult::kEmpty:
-      kxLog::log(kLogError, kLogCategory, kEmptyFile + path);
+      kxLog::log(kLogTypeError, kLogCategory, kEmptyFile + path);
       return false;
   }
   return false;
@@ -96,7 +95,7 @@ bool HttpPolicies::setClientCertificatePolicyBlobPEM(const char* certificate, si
   wipeClientCertificateMaterial();
   clientCertificatePolicy_ = SCCP_GlobalPolicy;
   if (!valid) {
-    kxLog::log(kLogError, kLogCategory, kInvalidBlob);
+    kxLog::log(kLogTypeError, kLogCategory, kInvalidBlob);
     return false;
   }
   clientCertificate_ = certificateCopy;
@@ -121,7 +120,7 @@ bool HttpPolicies::setClientCertificatePolicyBlobP12(const char* container, size
   wipeClientCertificateMaterial();
   clientCertificatePolicy_ = SCCP_GlobalPolicy;
   if (!valid) {
-    kxLog::log(kLogError, kLogCategory, kInvalidBlob);
+    kxLog::log(kLogTypeError, kLogCategory, kInvalidBlob);
     return false;
   }
   clientCertificate_ = containerCopy;

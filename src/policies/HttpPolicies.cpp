@@ -17,8 +17,6 @@ namespace http {
 
 namespace {
 
-constexpr kxLogType kLogWarning = 4;
-constexpr kxLogType kLogError = 5;
 constexpr const char* kLogCategory = "http";
 
 // Cleared by the first resolution that yields SVP_NoVerify, whichever thread gets there first; never set
@@ -150,7 +148,7 @@ bool HttpPolicies::setHttpProxyPolicy(ProxyPolicy policy, const HttpUrl* staticP
   }
   if (policy == PP_StaticProxy) {
     if (!copy) {
-      kxLog::log(kLogError, kLogCategory, "static proxy url is invalid");
+      kxLog::log(kLogTypeError, kLogCategory, "static proxy url is invalid");
       return false;
     }
     proxyPolicy_ = PP_StaticProxy;
@@ -201,7 +199,7 @@ SSLValidatePolicy HttpPolicies::ResolveSSLValidatePolicy(const HttpPolicies* pol
   const SSLValidatePolicy resolved =
       ResolveWithFallback(policies, &HttpPolicies::getSSLValidatePolicy, SVP_VerifyPeerAndHost);
   if (resolved == SVP_NoVerify && g_noVerifyNotYetWarned.exchange(false)) {
-    kxLog::log(kLogWarning, kLogCategory, "Disabling verify_ssl_peer is not safe, it should not be used in production");
+    kxLog::log(kLogTypeWarning, kLogCategory, "Disabling verify_ssl_peer is not safe, it should not be used in production");
   }
   return resolved;
 }

@@ -62,7 +62,7 @@ bool ResolveHostName(const std::string& hostName, unsigned short port,
   addrinfo* list = nullptr;
   const int result = getaddrinfo(hostName.c_str(), nullptr, &hints, &list);
   if (result != 0) {
-    kxLog::log(2, "url", url::detail::GetAddrInfoFailureText(result));
+    kxLog::log(kLogTypeValueWarning, "url", url::detail::GetAddrInfoFailureText(result));
     return false;
   }
 

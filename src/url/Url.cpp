@@ -235,7 +235,7 @@ bool Url::fromEncodedUtf8String(const std::string& encodedUrl, std::string* erro
   if (errorMessage != nullptr) {
     *errorMessage = errorText;
   } else if (kxLog::isEnabled()) {
-    kxLog::log(1, "url", "Url parse error : " + errorText);
+    kxLog::log(kLogTypeValueError, "url", "Url parse error : " + errorText);
   }
   clearUrl();
   return false;

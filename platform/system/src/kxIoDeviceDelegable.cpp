@@ -13,7 +13,6 @@ using detail::kxIoDeviceErrorText;
 
 namespace {
 
-constexpr kxLogType kLogTypeError = 5;
 constexpr std::string_view kLogCategory = "kxIoDevice";
 
 }  // namespace

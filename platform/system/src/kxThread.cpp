@@ -54,7 +54,7 @@ bool kxThread::start() {
   } catch (const std::system_error& e) {
     s.state = Shared::State::Idle;
     lock.unlock();
-    kxLog::log(1, "kxSystem", std::string("Cannot start thread: ") + e.what());
+    kxLog::log(kLogTypeValueError, "kxSystem", std::string("Cannot start thread: ") + e.what());
     return false;
   }
   s.threadId = s.thread.get_id();
@@ -75,7 +75,7 @@ void kxThread::ThreadMain(kxThread* self, std::shared_ptr<Shared> shared) {
   try {
     self->run();
   } catch (const std::exception& e) {
-    kxLog::log(1, "kxSystem", std::string("Unhandled exception in thread: ") + e.what());
+    kxLog::log(kLogTypeValueError, "kxSystem", std::string("Unhandled exception in thread: ") + e.what());
   }
   // `self` may be gone by now (destroyed from run()); only the shared state is touched.
   std::lock_guard<std::mutex> lock(shared->mutex);

@@ -19,7 +19,7 @@ kxThreadPeriodicalUpdater::kxThreadPeriodicalUpdater(int periodSec)
 kxThreadPeriodicalUpdater::kxThreadPeriodicalUpdater(std::chrono::milliseconds period)
     : periodMs_(std::clamp<int64_t>(period.count(), 1, kMaxDelayMs)), thread_([this] { threadLoop(); }) {
   thread_.setThreadName("kxUpdater");
-  if (!thread_.start()) kxLog::log(1, "kxSystem", "Periodical updater thread could not be started");
+  if (!thread_.start()) kxLog::log(kLogTypeValueError, "kxSystem", "Periodical updater thread could not be started");
 }
 
 kxThreadPeriodicalUpdater::~kxThreadPeriodicalUpdater() {
@@ -105,7 +105,7 @@ void kxThreadPeriodicalUpdater::threadLoop() {
       try {
         entry.fn(entry.arg);
       } catch (const std::exception& e) {
-        kxLog::log(1, "kxSystem", std::string("Periodical updater callback threw: ") + e.what());
+        kxLog::log(kLogTypeValueError, "kxSystem", std::string("Periodical updater callback threw: ") + e.what());
       }
       lock.lock();
       current_ = Entry{nullptr, nullptr};

@@ -26,6 +26,17 @@ namespace kx {
 
 using kxLogType = int;
 
+// The log types written by the library and its sibling libraries, named by what they mean. Two scales
+// meet here: the value layer (URL parsing, host-name resolution) and the system library write 1 for an
+// error and 2 for a warning; the transfer, policy, body, token and key layers write 5 and 4. Code names
+// the meaning, never the number, so one meaning cannot drift to two values.
+inline constexpr kxLogType kLogTypeValueError = 1;
+inline constexpr kxLogType kLogTypeValueWarning = 2;
+inline constexpr kxLogType kLogTypeDebug = 3;
+inline constexpr kxLogType kLogTypeWarning = 4;
+inline constexpr kxLogType kLogTypeError = 5;
+inline constexpr kxLogType kLogTypeInformation = 6;
+
 enum class kxLogLevel { Debug, Information, Warning, Error };
 
 struct kxLogRecord {
