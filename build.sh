@@ -50,7 +50,7 @@ cmd_test() {
   log "normal build (warnings as errors, C++17 header check included)"
   configure_and_build "$ROOT/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKX_WARNINGS_AS_ERRORS=ON
   run_tests "$ROOT/build"
-  readelf -d "$ROOT/build/src/libCorvix.so.3.0.0" | grep -q 'SONAME.*\[libCorvix.so.3\]'
+  readelf -d "$ROOT/build/src/libCorvix.so.3.0" | grep -q 'SONAME.*\[libCorvix.so.3\]'
 }
 
 cmd_sanitize() {
@@ -80,7 +80,7 @@ cmd_install_check() {
   configure_and_build "$ROOT/build" -DKX_WARNINGS_AS_ERRORS=ON
   rm -rf "$prefix"
   cmake --install "$ROOT/build" --prefix "$prefix" >/dev/null
-  readelf -d "$prefix/lib/libCorvix.so.3.0.0" | grep 'SONAME'
+  readelf -d "$prefix/lib/libCorvix.so.3.0" | grep 'SONAME'
   test -L "$prefix/lib/libCorvix.so" && test -L "$prefix/lib/libCorvix.so.3"
   local consumer="$ROOT/tests/install/consumer"
   cmake -S "$consumer" -B "$ROOT/build/consumer-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"

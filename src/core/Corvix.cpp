@@ -14,6 +14,7 @@
 #include <kx/system/kxThreadPeriodicalUpdater.h>
 
 #include "core/LibraryState.h"
+#include "policies/DefaultPolicies.h"
 
 #include <curl/curl.h>
 
@@ -39,7 +40,6 @@ LibInitCounter g_initCounter;
 
 // Read by every request without a lock; documented as "set before requests start".
 http::HttpHeaders g_defaultHeaders;
-http::HttpPolicies g_defaultPolicies;
 
 // Written only by initializeCorvix/terminateCorvix; atomic because pools read it from other threads.
 std::atomic<kxThreadPeriodicalUpdater*> g_periodicalUpdater{nullptr};
@@ -104,7 +104,7 @@ void terminateCorvix() {
   }
   // The reverse of initializeCorvix.
   UnRegisterThirdPartyLibVersionInfo(kCurlLibName);
-  g_defaultPolicies = http::HttpPolicies();
+  http::detail::DefaultPolicies() = http::HttpPolicies();
   delete g_periodicalUpdater.exchange(nullptr, std::memory_order_acq_rel);
   curl_global_cleanup();
   json::terminateKxLumara();
@@ -114,9 +114,9 @@ void terminateCorvix() {
 
 bool IsCorvixInitialized() { return g_initCounter.isInitialized(); }
 
-http::HttpPolicies& GetDefaultPolicies() { return g_defaultPolicies; }
+http::HttpPolicies& GetDefaultPolicies() { return http::detail::DefaultPolicies(); }
 
-void SetDefaultPolicies(const http::HttpPolicies& policies) { g_defaultPolicies = policies; }
+void SetDefaultPolicies(const http::HttpPolicies& policies) { http::detail::DefaultPolicies() = policies; }
 
 const http::HttpHeaders& GetDefaultHttpHeaders() { return g_defaultHeaders; }
 

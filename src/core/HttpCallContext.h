@@ -1,9 +1,11 @@
-// The per-call record that HttpHelpers::GenericCall hands to its curl callbacks (header callback, body
-// reader, seek function, response writer, response-header sink, progress function). Each helper fills
-// the request side; GenericCall fills the response side from the caller's HttpResult.
+// One call of the request helpers: what HttpHelpers::GenericCall sends (method, body, extra headers,
+// JSON flag) and where the answer goes (the caller's sink, body text and header collection), with the
+// state its curl callbacks keep while the response arrives (the status seen so far, the excerpt of an
+// unexpected answer, a refused redirect). Every helper fills the request side and runs GenericCall;
+// GenericCall fills the response side from the caller's HttpResult.
 //
-// Kept out of the public header: it names curl's handle type and is only meaningful to the helpers (and
-// to tests that drive GenericCall directly, e.g. with a progress callback).
+// Kept out of the public header: it names curl's types and the internal body and sink types, and is only
+// meaningful to the helpers (and to tests that drive GenericCall directly, e.g. with a progress callback).
 //
 // Thread-safety: not thread-safe; lives on the stack of one call.
 // Ownership: borrows everything it points to for the duration of the call.
@@ -11,13 +13,16 @@
 
 #include <kx/http/HttpHelpers.h>
 
+#include "bodies/RequestBody.h"
+#include "bodies/ResponseSink.h"
+
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace kx {
 class kxIoDevice;
-class kxIoDeviceRandomAccess;
 class kxCancelInterfaceReadOnly;
 namespace http {
 
@@ -26,7 +31,7 @@ class HttpHeaders;
 
 namespace detail {
 
-struct HttpCallContext {
+struct HttpCallContext : ResponseSink {
   // Method codes of the call.
   enum Method : int {
     kGet = 0,
@@ -37,41 +42,46 @@ struct HttpCallContext {
     kHead = 5,
   };
 
-  // Set by GenericCall.
-  void* curl = nullptr;
-  HttpConnection* connection = nullptr;
+  HttpCallContext() = default;
+  HttpCallContext(int method, bool json) : method(method), json(json) {}
+  HttpCallContext(const HttpCallContext&) = delete;
+  HttpCallContext& operator=(const HttpCallContext&) = delete;
+
+  // The response writer: counts, keeps the body text, the excerpt of an unexpected answer, and feeds
+  // the caller's sink when the status allows it.
+  void expectSize(int64_t size) override;
+  bool write(const char* data, size_t size) override;
 
   // Request side, set by the helper.
-  const HttpHeaders* extraHeaders = nullptr;
-  // The body: a device, or bytes in memory (`bodyData` may be null only with `hasMemoryBody` false).
-  kxIoDevice* bodyDevice = nullptr;
-  const char* bodyData = nullptr;
-  size_t bodySize = 0;
-  bool hasMemoryBody = false;
   int method = kGet;
   bool json = false;
-  const kxCancelInterfaceReadOnly* cancel = nullptr;
+  RequestBody* body = nullptr;  // null: no body
+  bool nullBody = false;        // a null pointer was given with a non-zero size
+  const HttpHeaders* extraHeaders = nullptr;
   // Polled with the cancel object; returning true aborts the transfer.
   HttpHelpers::ProgressCallback progress = nullptr;
   void* progressArgument = nullptr;
 
-  // Response side, taken from the HttpResult by GenericCall.
-  kxIoDevice* responseSink = nullptr;
-  std::string* responseBody = nullptr;
+  // Set by GenericCall.
+  HttpConnection* connection = nullptr;
+  const kxCancelInterfaceReadOnly* cancel = nullptr;
+  bool followLocation = true;
+  long expectedStatus = 0;
+  std::optional<DeviceSink> responseSink;    // the caller's device
+  std::optional<TextSink> responseText;      // the caller's body text
   HttpHeaders* responseHeaders = nullptr;
   // Write the sink whatever the status (HttpResult::writeSinkOnlyOnExpectedStatus false).
   bool writeAlways = false;
-  long expectedStatus = 0;
 
   // Progress of the call.
   int64_t receivedLength = 0;
+  // Status of the response being received: 0 until its status line arrived.
+  long status = 0;
+  bool sawLocation = false;
+  // A 301/302/303 answer that curl would have followed without the body (see GenericCall).
+  long refusedRedirect = 0;
   // The start of a body of an unexpected status, for the error report; at most kErrorExcerptMax bytes.
   std::string errorExcerpt;
-  // Read position in a memory body; the position a random-access device body started at.
-  size_t memoryPosition = 0;
-  int64_t deviceStart = 0;
-  bool deviceStartKnown = false;
-  kxIoDeviceRandomAccess* seekableDevice = nullptr;
   // The response sink refused a write (the transfer then ends with a write error).
   bool sinkFailed = false;
 

@@ -1,12 +1,19 @@
 #include <kx/http/HttpConnection.h>
 
 #include <kx/Corvix.h>
+#include <kx/http/HttpPolicies.h>
 #include <kx/system/kxCancelInterfaceReadOnly.h>
 #include <kx/system/kxLog.h>
 #include <kx/system/kxRandomUtils.h>
 #include <kx/system/kxStringUtils.h>
 
+#include "bodies/RequestBody.h"
+#include "bodies/ResponseSink.h"
+#include "core/CurlOptions.h"
+#include "core/HttpConnectionAccess.h"
 #include "core/HttpConnectionState.h"
+#include "core/TransferError.h"
+#include "policies/ResolvedPolicies.h"
 
 #include <limits>
 #include <string>
@@ -17,10 +24,12 @@ namespace {
 
 // Progress callback: the only point where curl lets the caller stop a running transfer. A true answer
 // makes curl end with CURLE_ABORTED_BY_CALLBACK at its next tick (at least once a second, also while
-// the peer is silent).
-int CancelProbe(void* cancel, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  if (cancel == nullptr) return 0;
-  return static_cast<const kxCancelInterfaceReadOnly*>(cancel)->shouldCancel() ? 1 : 0;
+// the peer is silent). One probe for every call: the cancel object first, then the call path's own.
+int CancelProbe(void* state, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  const auto& s = *static_cast<const HttpConnection::State*>(state);
+  if (s.cancel != nullptr && s.cancel->shouldCancel()) return 1;
+  if (s.hooks != nullptr && s.hooks->progress != nullptr) return s.hooks->progress(s.hooks->progressArgument) ? 1 : 0;
+  return 0;
 }
 
 // Defaults until the caller's header callback installs its own: a response body nobody asked for fails
@@ -35,12 +44,15 @@ int64_t ElapsedSince(int64_t start) {
 
 std::string ElapsedText(int64_t start) { return kxStringUtils::humanizeDuration(ElapsedSince(start), 1); }
 
-// Appends "name: value" lines, one per value, in the collection's (name) order. False when curl could
-// not allocate a list node; the list built so far stays owned by `list`.
-bool AppendHeaders(curl_slist*& list, const HttpHeaders& headers) {
-  return headers.iterateOverHeaders([&list](const std::string& name, const std::list<std::string>& values) {
+// Appends "name: value" lines, one per value, in the collection's (name) order, and notes whether a
+// Content-Type went in. False when curl could not allocate a list node; the list built so far stays
+// owned by `list`.
+bool AppendHeaders(curl_slist*& list, const HttpHeaders& headers, bool& sawContentType) {
+  return headers.iterateOverHeaders([&](const std::string& name, const std::list<std::string>& values) {
+    if (name == "content-type") sawContentType = true;
+    std::string line;
     for (const std::string& value : values) {
-      const std::string line = name + ": " + value;
+      line.assign(name).append(": ").append(value);
       curl_slist* grown = curl_slist_append(list, line.c_str());
       if (grown == nullptr) return false;
       list = grown;
@@ -54,25 +66,6 @@ bool AppendLine(curl_slist*& list, const std::string& line) {
   if (grown == nullptr) return false;
   list = grown;
   return true;
-}
-
-// curl_easy_reset of libcurl 7.88 forgets, without freeing it, the cookie file list that
-// CURLOPT_COOKIEFILE "" (the in-memory cookie engine) appends to, so every reset of a handle with
-// cookies on would leak a list node. Setting CURLOPT_COOKIEFILE to null frees that list, but it also
-// destroys the cookie jar: the cookies are taken out first and put back by RestoreCookies once the new
-// options are set.
-void ResetKeepingCookies(CURL* curl, curl_slist*& savedCookies) {
-  savedCookies = nullptr;
-  if (curl_easy_getinfo(curl, CURLINFO_COOKIELIST, &savedCookies) != CURLE_OK) savedCookies = nullptr;
-  curl_easy_setopt(curl, CURLOPT_COOKIEFILE, static_cast<const char*>(nullptr));
-  curl_easy_reset(curl);
-}
-
-int RestoreCookies(CURL* curl, const curl_slist* cookies) {
-  int result = 0;
-  for (const curl_slist* cookie = cookies; cookie != nullptr; cookie = cookie->next)
-    result |= curl_easy_setopt(curl, CURLOPT_COOKIELIST, cookie->data);
-  return result;
 }
 
 }  // namespace
@@ -100,66 +93,52 @@ bool HttpConnection::getHttpData(const HttpUrl& url, const std::string& expected
                      url.toDisplayableUrl());
     }
   }
-  // Only the kx::Url part is copied: the last URL is kept for the host:port check and for display, and
-  // cloning the authenticators (which may hold credentials) on every request would serve neither.
-  if (&s.lastUrl != &url) {
-    static_cast<kx::Url&>(s.lastUrl) = url;
-    s.lastUrl.clearAuthenticators();
-  }
+  // Only the kx::Url part is copied (see getLastUrl).
+  if (&s.lastUrl != &url) static_cast<kx::Url&>(s.lastUrl) = url;
   s.lastUrl.clearCredentials();
-  s.lastUrl.clearPolicies();
-
+  if (!s.lastUrl.getAuthenticators().empty()) s.lastUrl.clearAuthenticators();
+  if (s.lastUrl.getPolicies() != nullptr) s.lastUrl.clearPolicies();
   s.previousUseTime = s.lastUseTime;
-  s.curlResult = CURLE_OK;
-  s.httpStatus = 0;
-  s.errorText.clear();
-  s.extraErrorInfo.clear();
-  s.receivedContentType.clear();
-  s.debugTrace.clear();
-  s.requestId.clear();
-  s.errorBuffer[0] = '\0';
 
-  if (!setupConnection(url, cancel)) {
-    if (s.errorText.empty()) s.errorText = "Fail to setupconnection";
-    return false;
+  // Resolved once per attempt: setup and the retry decision read the same values.
+  detail::ResolvedPolicies policies = detail::ResolvedPolicies::Of(url.getPolicies());
+  for (int attempt = 0;; ++attempt) {
+    // Per-call state; a retry describes itself (its use count shows the two attempts), the first
+    // attempt's trace having been logged already.
+    s.curlResult = CURLE_OK;
+    s.httpStatus = 0;
+    s.errorText.clear();
+    if (attempt == 0) s.extraErrorInfo.clear();
+    s.receivedContentType.clear();
+    s.debugTrace.clear();
+    s.requestId.clear();
+    s.errorBuffer[0] = '\0';
+    if (!setup(url, cancel, policies)) {
+      if (s.errorText.empty()) s.errorText = detail::FormatTransferError(detail::TransferError::kSetupFailed);
+      return false;
+    }
+    bool retryWithAnyFamily = false;
+    const bool ok = getHttpDataImpl(url, expectedContentType, expectedStatus, policies.hostNameResolution,
+                                    retryWithAnyFamily, headerCallback, cancel, userData);
+    s.lastUseTime = GetTimeBaseMs();
+    // One retry at most: the failed attempt destroyed the handle, and the fresh one must not keep the
+    // address family that just failed.
+    if (ok || !retryWithAnyFamily || attempt > 0) return ok;
+    policies.hostNameResolution = HNRP_Whatever;
   }
-
-  bool retryWithAnyFamily = false;
-  const HostNameResolutionPolicy policy = HttpPolicies::ResolveHostNameResolutionPolicy(url.getPolicies());
-  const bool ok = getHttpDataImpl(url, expectedContentType, expectedStatus, policy, retryWithAnyFamily,
-                                  headerCallback, cancel, userData);
-  s.lastUseTime = GetTimeBaseMs();
-  if (ok || !retryWithAnyFamily) return ok;
-
-  // The failed attempt destroyed the handle, and a fresh one must not keep the address family that just
-  // failed: set everything up again with any family. One retry only. The report then describes the
-  // retry (its use count shows the two attempts); the first attempt's trace was already logged.
-  s.curlResult = CURLE_OK;
-  s.httpStatus = 0;
-  s.errorText.clear();
-  s.receivedContentType.clear();
-  s.debugTrace.clear();
-  s.requestId.clear();
-  s.errorBuffer[0] = '\0';
-  if (!setupConnection(url, cancel, HNRP_Whatever)) {
-    if (s.errorText.empty()) s.errorText = "Fail to setupconnection";
-    return false;
-  }
-  const bool retried = getHttpDataImpl(url, expectedContentType, expectedStatus, HNRP_Whatever,
-                                       retryWithAnyFamily, headerCallback, cancel, userData);
-  s.lastUseTime = GetTimeBaseMs();
-  return retried;
 }
 
 bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expectedContentType,
                                      long expectedStatus, HostNameResolutionPolicy policy,
                                      bool& retryWithAnyFamily, HeaderCallback headerCallback,
                                      const kxCancelInterfaceReadOnly* cancel, void* userData) {
+  using detail::FormatTransferError;
+  using detail::TransferError;
   State& s = *state_;
   retryWithAnyFamily = false;
   if (s.curl == nullptr) {
     // Only reachable when called on its own without setupConnection.
-    s.errorText = "Fail to setupconnection";
+    s.errorText = FormatTransferError(TransferError::kSetupFailed);
     return false;
   }
   curl_socket_t socketBefore = CURL_SOCKET_BAD;
@@ -168,7 +147,7 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
   ++s.socketUseCount;
 
   if (!url.isValid()) {
-    s.errorText = "Invalid http url";
+    s.errorText = FormatTransferError(TransferError::kInvalidUrl);
     clearConnection();
     return false;
   }
@@ -187,28 +166,33 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
   for (const auto& authenticator : url.getAuthenticators()) {
     std::string error;
     if (!authenticator->getAuthenticationHttpHeaders(url, requestHeaders, error))
-      return failBeforeTransfer("Authenticator return an error : " + error);
+      return failBeforeTransfer(FormatTransferError(TransferError::kAuthenticator, {error}));
   }
   if (headerCallback != nullptr && headerCallback(s.curl, userData, requestHeaders) != 0)
-    return failBeforeTransfer("User callback return and error");
+    return failBeforeTransfer(FormatTransferError(TransferError::kUserCallback));
 
   curl_slist_free_all(s.headerList);
   s.headerList = nullptr;
-  bool listBuilt = AppendHeaders(s.headerList, GetDefaultHttpHeaders()) &&
-                   AppendHeaders(s.headerList, s.commonHeaders) && AppendHeaders(s.headerList, requestHeaders) &&
-                   AppendLine(s.headerList, "Connection: Keep-Alive");
+  bool sawContentType = false;
+  bool listBuilt = AppendHeaders(s.headerList, GetDefaultHttpHeaders(), sawContentType) &&
+                   AppendHeaders(s.headerList, s.commonHeaders, sawContentType) &&
+                   AppendHeaders(s.headerList, requestHeaders, sawContentType);
+  // The call's content type goes in only where no layer chose one: two would leave the server to pick.
+  if (listBuilt && !sawContentType && s.hooks != nullptr && s.hooks->contentType != nullptr)
+    listBuilt = AppendLine(s.headerList, std::string("Content-Type: ") + s.hooks->contentType);
+  listBuilt = listBuilt && AppendLine(s.headerList, "Connection: Keep-Alive");
   // The id lets a server's logs be matched with this client's trace; it is only worth its cost when
   // someone reads the trace, i.e. with the log verbose.
-  if (listBuilt && kxLog::isVerbose()) {
+  const bool verbose = kxLog::isVerbose();
+  if (listBuilt && verbose) {
     s.requestId = kxRandomUtils::Uuid4Text();
     listBuilt = AppendLine(s.headerList, "X-Request-ID: " + s.requestId);
   }
   if (!listBuilt || curl_easy_setopt(s.curl, CURLOPT_HTTPHEADER, s.headerList) != CURLE_OK)
-    return failBeforeTransfer("Error while setting connection parameters");
+    return failBeforeTransfer(FormatTransferError(TransferError::kSetHeaders));
   if (curl_easy_setopt(s.curl, CURLOPT_URL, encodedUrl.c_str()) != CURLE_OK)
-    return failBeforeTransfer("Error while setting url");
+    return failBeforeTransfer(FormatTransferError(TransferError::kSetUrl));
 
-  const bool verbose = kxLog::isVerbose();
   s.traceEnabled = verbose;
   const int64_t start = GetTimeBaseMs();
   s.curlResult = curl_easy_perform(s.curl);
@@ -246,7 +230,7 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
   if (s.curlResult != CURLE_OK) {
     if (cancelled) {
       // Kept: the caller chose to stop, the handle itself is sound.
-      s.errorText = "Curl easy perform canceled after " + ElapsedText(start) + ", " + url.toDisplayableUrl();
+      s.errorText = FormatTransferError(TransferError::kCanceled, {ElapsedText(start), url.toDisplayableUrl()});
       return false;
     }
     // Under a strict address-family preference these failures may be the family's fault (no address of
@@ -257,7 +241,7 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
          s.curlResult == CURLE_PEER_FAILED_VERIFICATION)) {
       retryWithAnyFamily = true;
     }
-    s.errorText = "Curl easy perform error after " + ElapsedText(start) + ", " + url.toDisplayableUrl();
+    s.errorText = FormatTransferError(TransferError::kPerform, {ElapsedText(start), url.toDisplayableUrl()});
     clearConnection();
     return false;
   }
@@ -265,83 +249,87 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
   const char* contentType = nullptr;
   if (curl_easy_getinfo(s.curl, CURLINFO_CONTENT_TYPE, &contentType) == CURLE_OK && contentType != nullptr)
     s.receivedContentType = contentType;
-  else
-    s.receivedContentType.clear();
 
   if (expectedStatus >= 1 && expectedStatus != s.httpStatus) {
-    s.errorText = "bad html response code, got " + std::to_string(s.httpStatus) + ", expect " +
-                  std::to_string(expectedStatus) + " " + url.toDisplayableUrl();
+    s.errorText = FormatTransferError(TransferError::kBadStatus, {std::to_string(s.httpStatus),
+                                                                  std::to_string(expectedStatus),
+                                                                  url.toDisplayableUrl()});
     return false;
   }
   if (!expectedContentType.empty() && expectedContentType != s.receivedContentType) {
-    s.errorText = "bad content type, got " + s.receivedContentType + ", expect " + expectedContentType + " " +
-                  url.toDisplayableUrl();
+    s.errorText = FormatTransferError(TransferError::kBadContentType,
+                                      {s.receivedContentType, expectedContentType, url.toDisplayableUrl()});
     return false;
   }
   return true;
 }
 
 bool HttpConnection::setupConnection(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel) {
-  return setupConnection(url, cancel, HNRP_GlobalPolicy);
+  return setup(url, cancel, detail::ResolvedPolicies::Of(url.getPolicies()));
 }
 
-bool HttpConnection::setupConnection(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel,
-                                     HostNameResolutionPolicy policy) {
+bool HttpConnection::setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel,
+                           const detail::ResolvedPolicies& policies) {
   State& s = *state_;
-  curl_slist* savedCookies = nullptr;
+  s.cancel = cancel;
   if (s.curl == nullptr) {
     if (!IsCorvixInitialized()) {
-      s.errorText = "Corvix library not initialized.";
+      s.errorText = detail::FormatTransferError(detail::TransferError::kNotInitialized);
       kxLog::log(kLogTypeError, "http", s.errorText);
       return false;
     }
     s.curl = curl_easy_init();
     if (s.curl == nullptr) return false;
     s.creationTime = GetTimeBaseMs();
+    s.cookieEngineOn = false;
   } else {
-    // A reset drops every option of the previous request but keeps curl's connection cache, so the
-    // keep-alive socket survives.
-    ResetKeepingCookies(s.curl, savedCookies);
+    // A reset drops every option of the previous request but keeps curl's connection cache (so the
+    // keep-alive socket survives) and the cookie jar.
+    curl_easy_reset(s.curl);
   }
 
+  // After a reset every option is at libcurl's default, so only the values that differ from it are set:
+  // no POST, NOBODY, CUSTOMREQUEST, UPLOAD, sizes, seek or header functions to clear.
   CURL* curl = s.curl;
   using WriteFn = size_t (*)(char*, size_t, size_t, void*);
   using XferFn = int (*)(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
   using DebugFn = int (*)(CURL*, curl_infotype, char*, size_t, void*);
+  const detail::TransferHooks* hooks = s.hooks;
   int result = 0;
-  result |= curl_easy_setopt(curl, CURLOPT_POST, 0L);
-  result |= curl_easy_setopt(curl, CURLOPT_NOBODY, 0L);
-  result |= curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
-  result |= curl_easy_setopt(curl, CURLOPT_UPLOAD, 0L);
-  result |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, -1L);
-  result |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
-  result |= curl_easy_setopt(curl, CURLOPT_SEEKDATA, static_cast<void*>(nullptr));
-  result |= curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, static_cast<curl_seek_callback>(nullptr));
-  result |= curl_easy_setopt(curl, CURLOPT_HEADERDATA, static_cast<void*>(nullptr));
-  result |= curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, static_cast<WriteFn>(nullptr));
-  result |= curl_easy_setopt(curl, CURLOPT_INFILESIZE, -1L);
-  result |= curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(-1));
-  result |= curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-  result |= curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, static_cast<XferFn>(&CancelProbe));
-  result |= curl_easy_setopt(curl, CURLOPT_XFERINFODATA, const_cast<kxCancelInterfaceReadOnly*>(cancel));
-  result |= curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, static_cast<WriteFn>(&NullWriter));
-  result |= curl_easy_setopt(curl, CURLOPT_WRITEDATA, static_cast<void*>(nullptr));
-  result |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, static_cast<WriteFn>(&NullReader));
-  result |= curl_easy_setopt(curl, CURLOPT_READDATA, static_cast<void*>(nullptr));
-  result |= curl_easy_setopt(curl, CURLOPT_FORBID_REUSE, 0L);
-  result |= curl_easy_setopt(curl, CURLOPT_FRESH_CONNECT, 0L);
+  // Writer and reader: the call's own, else a writer that accepts nothing (a response body nobody asked
+  // for fails the transfer with CURLE_WRITE_ERROR instead of vanishing, or going to stdout as curl's
+  // default would) and an empty body (curl's default reads stdin).
+  if (hooks != nullptr && hooks->sink != nullptr) {
+    result |= hooks->sink->install(curl);
+  } else {
+    result |= curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, static_cast<WriteFn>(&NullWriter));
+  }
+  if (hooks != nullptr && hooks->body != nullptr) {
+    result |= hooks->body->install(curl);
+  } else {
+    result |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, static_cast<WriteFn>(&NullReader));
+  }
+  if (hooks != nullptr && hooks->headerFunction != nullptr) {
+    result |= curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, hooks->headerFunction);
+    result |= curl_easy_setopt(curl, CURLOPT_HEADERDATA, hooks->headerData);
+  }
+  // The probe costs a call per progress tick: only worth it when something can stop the transfer.
+  if (cancel != nullptr || (hooks != nullptr && hooks->progress != nullptr)) {
+    result |= curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    result |= curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, static_cast<XferFn>(&CancelProbe));
+    result |= curl_easy_setopt(curl, CURLOPT_XFERINFODATA, static_cast<void*>(&s));
+  }
   result |= curl_easy_setopt(curl, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   // Without it curl raises SIGALRM around name resolution and changes SIGPIPE handling while it runs,
   // which is unsafe when several threads transfer at once.
   result |= curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  result |= curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, static_cast<DebugFn>(&detail::CurlDebugCallback));
-  result |= curl_easy_setopt(curl, CURLOPT_DEBUGDATA, static_cast<void*>(&s));
+  if (kxLog::isVerbose()) {
+    // The trace is only collected with the log verbose (the callback ignores everything otherwise).
+    result |= curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, static_cast<DebugFn>(&detail::CurlDebugCallback));
+    result |= curl_easy_setopt(curl, CURLOPT_DEBUGDATA, static_cast<void*>(&s));
+  }
   result |= curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, s.errorBuffer);
-  result |= curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
-  result |= curl_easy_setopt(curl, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
-  result |= s.parameters.applyParameters(curl, url, s.proxyFinder, policy);
-  if (s.parameters.enableCookies) result |= RestoreCookies(curl, savedCookies);
-  curl_slist_free_all(savedCookies);
+  result |= detail::ApplyParameters(s.parameters, curl, url, s.proxyFinder, policies, s.cookieEngineOn);
 
   if (result != 0) {
     curl_easy_cleanup(s.curl);
@@ -365,7 +353,17 @@ bool HttpConnection::isUnderlyingSockerValid() const {
   return socket != CURL_SOCKET_BAD;
 }
 
-bool HttpConnection::hasCurlHandle() const { return state_->curl != nullptr; }
+bool detail::HttpConnectionAccess::HasCurlHandle(const HttpConnection& connection) {
+  return connection.state_->curl != nullptr;
+}
+
+int detail::HttpConnectionAccess::LastCurlCode(const HttpConnection& connection) {
+  return static_cast<int>(connection.state_->curlResult);
+}
+
+HttpConnection::State& detail::HttpConnectionAccess::StateOf(HttpConnection& connection) {
+  return *connection.state_;
+}
 
 const HttpUrl& HttpConnection::getLastUrl() const { return state_->lastUrl; }
 
@@ -381,8 +379,6 @@ bool HttpConnection::isLastCallUnableToVerifyPeer() const {
 
 // Inverted on purpose: existing callers test it this way round.
 bool HttpConnection::wasAbortedByCallback() const { return state_->curlResult != CURLE_ABORTED_BY_CALLBACK; }
-
-int HttpConnection::getLastCurlCode() const { return static_cast<int>(state_->curlResult); }
 
 const std::string& HttpConnection::getLastRequestId() const { return state_->requestId; }
 

@@ -8,7 +8,11 @@
 #include <kx/system/kxLog.h>
 #include <kx/system/kxStringUtils.h>
 
+#include "core/CurlOptions.h"
+#include "policies/ResolvedPolicies.h"
+
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -35,24 +39,18 @@ int SetBlob(CURL* curl, CURLoption option, const std::vector<char>* bytes) {
   return curl_easy_setopt(curl, option, &blob);
 }
 
-int ApplyClientCertificate(CURL* curl, const HttpPolicies* policies) {
+int ApplyClientCertificate(CURL* curl, const detail::ResolvedPolicies& policies) {
+  // Nothing to clear otherwise: a reset handle carries no certificate, key or pass phrase.
+  if (policies.clientCertificate != SCCP_EnableClientCrt) return 0;
+  const std::vector<char>* certificate = policies.certificate;
+  const std::vector<char>* key = policies.key;
+  const std::string* password = policies.password;
   int result = 0;
-  if (HttpPolicies::ResolveSSLClientCertificatePolicy(policies) != SCCP_EnableClientCrt) {
-    result |= SetBlob(curl, CURLOPT_SSLCERT_BLOB, nullptr);
-    result |= SetBlob(curl, CURLOPT_SSLKEY_BLOB, nullptr);
-    result |= SetText(curl, CURLOPT_KEYPASSWD, nullptr);
-    return result;
-  }
-  const std::vector<char>* certificate = nullptr;
-  const std::vector<char>* key = nullptr;
-  const std::string* password = nullptr;
-  HttpPolicies::ResolveSSLClientCertificateAndKey(policies, certificate, key, password);
-  result |= SetText(curl, CURLOPT_KEYPASSWD, password->empty() ? nullptr : password->c_str());
+  if (!password->empty()) result |= SetText(curl, CURLOPT_KEYPASSWD, password->c_str());
   result |= SetBlob(curl, CURLOPT_SSLCERT_BLOB, certificate);
   if (key->empty()) {
     // No separate key: the certificate bytes are a PKCS#12 container holding the key.
     result |= SetText(curl, CURLOPT_SSLCERTTYPE, "P12");
-    result |= SetBlob(curl, CURLOPT_SSLKEY_BLOB, nullptr);
   } else {
     result |= SetText(curl, CURLOPT_SSLCERTTYPE, "PEM");
     result |= SetBlob(curl, CURLOPT_SSLKEY_BLOB, key);
@@ -61,16 +59,17 @@ int ApplyClientCertificate(CURL* curl, const HttpPolicies* policies) {
   return result;
 }
 
-int ApplyProxy(CURL* curl, const HttpUrl& url, const HttpPolicies* policies, HttpProxyFinder& finder) {
-  switch (HttpPolicies::ResolveProxyPolicy(policies)) {
+int ApplyProxy(CURL* curl, const HttpUrl& url, const detail::ResolvedPolicies& policies, HttpProxyFinder& finder) {
+  switch (policies.proxy) {
     case PP_AutomaticProxy: {
       std::string proxy;
-      // Null (not "") leaves curl free to apply http_proxy / https_proxy / no_proxy.
-      if (!finder.getProxyUrl(url, proxy)) return SetText(curl, CURLOPT_PROXY, nullptr);
+      // No proxy option at all (curl's default) leaves curl free to apply http_proxy / https_proxy /
+      // no_proxy.
+      if (!finder.getProxyUrl(url, proxy)) return 0;
       return SetText(curl, CURLOPT_PROXY, proxy.c_str());
     }
     case PP_StaticProxy: {
-      const HttpUrl* proxyUrl = HttpPolicies::ResolveStaticProxyUrl(policies);
+      const HttpUrl* proxyUrl = policies.staticProxyUrl;
       if (proxyUrl != nullptr && proxyUrl->isValid()) {
         // With credentials: user and password of the proxy URL are the proxy's own login.
         const std::string proxy = proxyUrl->toEncodedUrl(true);
@@ -87,6 +86,16 @@ int ApplyProxy(CURL* curl, const HttpUrl& url, const HttpPolicies* policies, Htt
       // "" rather than null: an empty proxy also overrides the proxy environment variables.
       return SetText(curl, CURLOPT_PROXY, "");
   }
+}
+
+// Certificate checks are off for https://127.0.0.1 (a local sidecar or test server rarely holds a
+// certificate naming that address), but only for that address: curl keeps the verification options of
+// the handle across redirects, so a redirect to any other host would be followed unverified. This
+// prerequisite callback runs before every request of the transfer, redirects included, with the address
+// actually connected, and refuses all but the loopback address itself.
+int LoopbackOnly(void*, char* primaryIp, char*, int, int) {
+  return primaryIp != nullptr && std::strcmp(primaryIp, "127.0.0.1") == 0 ? CURL_PREREQFUNC_OK
+                                                                          : CURL_PREREQFUNC_ABORT;
 }
 
 }  // namespace
@@ -115,84 +124,79 @@ bool HttpConnectionParameters::operator==(const HttpConnectionParameters& other)
 }
 
 int HttpConnectionParameters::applyParameters(void* curl, const HttpUrl& url, HttpProxyFinder& finder) const {
-  return applyParameters(curl, url, finder, HNRP_GlobalPolicy);
+  // A handle set up from outside a connection: its cookie engine state is unknown, so it is set.
+  bool cookieEngineOn = false;
+  return detail::ApplyParameters(*this, static_cast<CURL*>(curl), url, finder,
+                                 detail::ResolvedPolicies::Of(url.getPolicies()), cookieEngineOn);
 }
 
-int HttpConnectionParameters::applyParameters(void* curlHandle, const HttpUrl& url, HttpProxyFinder& finder,
-                                              HostNameResolutionPolicy resolutionPolicy) const {
-  CURL* curl = static_cast<CURL*>(curlHandle);
+int detail::ApplyParameters(const HttpConnectionParameters& p, CURL* curl, const HttpUrl& url,
+                            HttpProxyFinder& finder, const ResolvedPolicies& policies, bool& cookieEngineOn) {
+  // Every option is compared with libcurl's default (what curl_easy_reset leaves) and set only when it
+  // differs: about a third of the options a request could set, and each set costs a call.
   int result = 0;
-  result |= SetLong(curl, CURLOPT_FOLLOWLOCATION, followLocation ? 1L : 0L);
-  result |= SetLong(curl, CURLOPT_MAXREDIRS, std::max<long>(maxRedirects, 0));
+  if (p.followLocation) result |= SetLong(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  result |= SetLong(curl, CURLOPT_MAXREDIRS, std::max<long>(p.maxRedirects, 0));
 
   // Only http and https may be transferred; anything else stops here with a non-zero result, which
   // fails the connection's setup before a byte is sent.
-  const std::string scheme = kxStringUtils::AsciiToLower(url.getScheme());
-  if (scheme.size() < 4 || scheme.compare(0, 4, "http") != 0) return result | CURLE_UNKNOWN_OPTION;
+  const std::string& rawScheme = url.getScheme();
+  if (rawScheme.size() < 4 || kxStringUtils::AsciiToLower(rawScheme.substr(0, 4)) != "http")
+    return result | CURLE_UNKNOWN_OPTION;
 
-  result |= SetText(curl, CURLOPT_ACCEPT_ENCODING, acceptEncoding ? "" : nullptr);
+  if (p.acceptEncoding) result |= SetText(curl, CURLOPT_ACCEPT_ENCODING, "");
   result |= SetText(curl, CURLOPT_PROTOCOLS_STR, "HTTP,HTTPS");
   // A plain http request never follows a redirect to https (nor, by default, https to http): a
   // redirect must not silently change the security of the exchange.
-  const bool secure = scheme.back() == 's';
+  const char last = rawScheme.back();
+  const bool secure = last == 's' || last == 'S';
   result |= SetText(curl, CURLOPT_REDIR_PROTOCOLS_STR,
-                    secure ? (allowHttpsToHttpRedirect ? "HTTP,HTTPS" : "HTTPS") : "HTTP");
+                    secure ? (p.allowHttpsToHttpRedirect ? "HTTP,HTTPS" : "HTTPS") : "HTTP");
 
-  result |= SetLong(curl, CURLOPT_CONNECTTIMEOUT, std::max<long>(connectTimeoutSec, 0));
-  result |= SetOffset(curl, CURLOPT_MAX_RECV_SPEED_LARGE, std::max<curl_off_t>(maxRecvSpeed, 0));
-  result |= SetOffset(curl, CURLOPT_MAX_SEND_SPEED_LARGE, std::max<curl_off_t>(maxSendSpeed, 0));
+  result |= SetLong(curl, CURLOPT_CONNECTTIMEOUT, std::max<long>(p.connectTimeoutSec, 0));
+  if (p.maxRecvSpeed > 0) result |= SetOffset(curl, CURLOPT_MAX_RECV_SPEED_LARGE, p.maxRecvSpeed);
+  if (p.maxSendSpeed > 0) result |= SetOffset(curl, CURLOPT_MAX_SEND_SPEED_LARGE, p.maxSendSpeed);
 
-  if (enableCookies) {
-    result |= SetLong(curl, CURLOPT_COOKIESESSION, 0L);
-    result |= SetText(curl, CURLOPT_COOKIEFILE, "");  // engine on, nothing read from disk
-    result |= SetText(curl, CURLOPT_COOKIEJAR, nullptr);
-  } else {
-    result |= SetLong(curl, CURLOPT_COOKIESESSION, 1L);
-    result |= SetText(curl, CURLOPT_COOKIEJAR, nullptr);
+  // The in-memory cookie engine lives in the handle and survives curl_easy_reset, so it is switched on
+  // once ("" reads no file) and kept: cookies received on one call go out on the next. Switching it off
+  // drops the jar.
+  if (p.enableCookies && !cookieEngineOn) {
+    result |= SetText(curl, CURLOPT_COOKIEFILE, "");
+    cookieEngineOn = true;
+  } else if (!p.enableCookies && cookieEngineOn) {
     result |= SetText(curl, CURLOPT_COOKIEFILE, nullptr);
+    cookieEngineOn = false;
   }
 
   // The low-speed rule is the only time limit of a transfer once connected: a fixed overall time-out
   // would kill large but healthy downloads.
-  if (lowSpeedLimit >= 1 && lowSpeedTimeSec > 0) {
-    result |= SetLong(curl, CURLOPT_LOW_SPEED_LIMIT, lowSpeedLimit);
-    result |= SetLong(curl, CURLOPT_LOW_SPEED_TIME, lowSpeedTimeSec);
-  } else {
-    result |= SetLong(curl, CURLOPT_LOW_SPEED_LIMIT, 0L);
-    result |= SetLong(curl, CURLOPT_LOW_SPEED_TIME, 0L);
+  if (p.lowSpeedLimit >= 1 && p.lowSpeedTimeSec > 0) {
+    result |= SetLong(curl, CURLOPT_LOW_SPEED_LIMIT, p.lowSpeedLimit);
+    result |= SetLong(curl, CURLOPT_LOW_SPEED_TIME, p.lowSpeedTimeSec);
   }
-
-  if (tcpKeepAliveSec < 1) {
-    result |= SetLong(curl, CURLOPT_TCP_KEEPALIVE, 0L);
-    result |= SetLong(curl, CURLOPT_TCP_KEEPIDLE, 10L);
-    result |= SetLong(curl, CURLOPT_TCP_KEEPINTVL, 10L);
-  } else {
+  if (p.tcpKeepAliveSec >= 1) {
     result |= SetLong(curl, CURLOPT_TCP_KEEPALIVE, 1L);
-    result |= SetLong(curl, CURLOPT_TCP_KEEPIDLE, tcpKeepAliveSec);
-    result |= SetLong(curl, CURLOPT_TCP_KEEPINTVL, tcpKeepAliveSec);
+    result |= SetLong(curl, CURLOPT_TCP_KEEPIDLE, p.tcpKeepAliveSec);
+    result |= SetLong(curl, CURLOPT_TCP_KEEPINTVL, p.tcpKeepAliveSec);
   }
 
   // curl hands its trace to the connection's debug callback only when verbose.
-  result |= SetLong(curl, CURLOPT_VERBOSE, kxLog::isVerbose() ? 1L : 0L);
+  if (kxLog::isVerbose()) result |= SetLong(curl, CURLOPT_VERBOSE, 1L);
 
-  const HttpPolicies* policies = url.getPolicies();
-  const HostNameResolutionPolicy resolution = resolutionPolicy != HNRP_GlobalPolicy
-                                                  ? resolutionPolicy
-                                                  : HttpPolicies::ResolveHostNameResolutionPolicy(policies);
   // A preference is strict: curl then uses that family only, and the connection retries once with any
   // family when the name does not resolve or the certificate does not match.
-  long ipResolve = CURL_IPRESOLVE_WHATEVER;
-  if (resolution == HNRP_PreferIpv6) ipResolve = CURL_IPRESOLVE_V6;
-  if (resolution == HNRP_PreferIpv4) ipResolve = CURL_IPRESOLVE_V4;
-  result |= SetLong(curl, CURLOPT_IPRESOLVE, ipResolve);
+  if (policies.hostNameResolution == HNRP_PreferIpv6) result |= SetLong(curl, CURLOPT_IPRESOLVE, CURL_IPRESOLVE_V6);
+  if (policies.hostNameResolution == HNRP_PreferIpv4) result |= SetLong(curl, CURLOPT_IPRESOLVE, CURL_IPRESOLVE_V4);
 
-  // The policy is resolved even for 127.0.0.1 so that its once-per-process warning still comes out.
-  const SSLValidatePolicy validation = HttpPolicies::ResolveSSLValidatePolicy(policies);
-  // 127.0.0.1 is never verified: a local sidecar or test server rarely has a certificate naming that
-  // address. "localhost" is checked like any other name.
-  const bool verify = url.getHost() != "127.0.0.1" && validation == SVP_VerifyPeerAndHost;
-  result |= SetLong(curl, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L);
-  result |= SetLong(curl, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L);
+  const bool loopback = url.getHost() == "127.0.0.1";
+  if (loopback || policies.sslValidate != SVP_VerifyPeerAndHost) {
+    result |= SetLong(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+    result |= SetLong(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+    if (loopback && secure && policies.sslValidate == SVP_VerifyPeerAndHost) {
+      using PrereqFn = int (*)(void*, char*, char*, int, int);
+      result |= curl_easy_setopt(curl, CURLOPT_PREREQFUNCTION, static_cast<PrereqFn>(&LoopbackOnly));
+    }
+  }
 
   result |= ApplyClientCertificate(curl, policies);
   result |= ApplyProxy(curl, url, policies, finder);

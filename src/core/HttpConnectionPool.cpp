@@ -5,6 +5,7 @@
 #include <kx/system/kxThreadPeriodicalUpdater.h>
 #include <kx/system/kxTime.h>
 
+#include "core/HttpConnectionAccess.h"
 #include "core/LibraryState.h"
 
 #include <iterator>
@@ -36,12 +37,12 @@ HttpConnectionPool::HttpConnectionPool()
       timeSource_(nullptr) {
   // Outside initializeCorvix/terminateCorvix there is no updater; the pool is then trimmed only by its
   // own setters and releases.
-  if (kxThreadPeriodicalUpdater* updater = detail::GetPeriodicalUpdater()) updater->addCallback(&UpdatePool, this);
+  if (kxThreadPeriodicalUpdater* updater = kx::detail::GetPeriodicalUpdater()) updater->addCallback(&UpdatePool, this);
 }
 
 HttpConnectionPool::~HttpConnectionPool() {
   // Removing waits for a trim that is running right now, so the updater never touches a dead pool.
-  if (kxThreadPeriodicalUpdater* updater = detail::GetPeriodicalUpdater()) updater->removeCallback(&UpdatePool, this);
+  if (kxThreadPeriodicalUpdater* updater = kx::detail::GetPeriodicalUpdater()) updater->removeCallback(&UpdatePool, this);
   releaseAllConnections();
 }
 
@@ -191,19 +192,19 @@ void HttpConnectionPool::ensureAtLeastMaxConcurrentConnection(unsigned int count
   trimThenUnlock(lock);
 }
 
-unsigned int HttpConnectionPool::getGeneration() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return generation_;
-}
-
 size_t HttpConnectionPool::getIdleConnectionCount() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return idle_.size();
 }
 
-void HttpConnectionPool::setTimeSource(TimeSource source) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  timeSource_ = source;
+unsigned int detail::HttpConnectionAccess::Generation(const HttpConnectionPool& pool) {
+  std::lock_guard<std::mutex> lock(pool.mutex_);
+  return pool.generation_;
+}
+
+void detail::HttpConnectionAccess::SetTimeSource(HttpConnectionPool& pool, TimeSource source) {
+  std::lock_guard<std::mutex> lock(pool.mutex_);
+  pool.timeSource_ = source;
 }
 
 }  // namespace http

@@ -17,7 +17,32 @@
 #include <string>
 
 namespace kx {
+class kxCancelInterfaceReadOnly;
 namespace http {
+namespace detail {
+
+class RequestBody;
+class ResponseSink;
+
+// What the library's own call paths (request helpers, document fetcher, downloads) hand a connection for
+// one call, installed by setupConnection in place of the connection's defaults (no body, a writer that
+// refuses every byte, no extra probe), so that no option is set twice. Plain getHttpData callers leave
+// it null and install what they need from their header callback instead.
+struct TransferHooks {
+  RequestBody* body = nullptr;
+  ResponseSink* sink = nullptr;
+  // CURLOPT_HEADERFUNCTION and its data, when the call reads the response's header lines.
+  size_t (*headerFunction)(char*, size_t, size_t, void*) = nullptr;
+  void* headerData = nullptr;
+  // Polled with the cancel object while the transfer runs; true aborts it.
+  bool (*progress)(void*) = nullptr;
+  void* progressArgument = nullptr;
+  // Sent as "Content-Type" unless one of the header layers (process defaults, the connection's common
+  // headers, the request's own) already names one.
+  const char* contentType = nullptr;
+};
+
+}  // namespace detail
 
 struct HttpConnection::State {
   HttpProxyFinder proxyFinder;
@@ -46,6 +71,12 @@ struct HttpConnection::State {
   // The last-use time as it was when the current call began. The report's "previous use" must show the
   // use before this call, and lastUseTime is overwritten as soon as the call has run.
   int64_t previousUseTime = kTimeNeverSet;
+  // The hooks and cancel object of the call in flight (null outside a call).
+  const detail::TransferHooks* hooks = nullptr;
+  const kxCancelInterfaceReadOnly* cancel = nullptr;
+  // Whether this handle's in-memory cookie engine is on. It lives in the handle, not in its options, so
+  // it survives curl_easy_reset: it is switched on once, and off only when a call asks for no cookies.
+  bool cookieEngineOn = false;
 };
 
 namespace detail {

@@ -2,7 +2,6 @@
 
 #include <curl/curl.h>
 
-#include <kx/Corvix.h>
 #include <kx/http/HttpConnection.h>
 #include <kx/http/HttpConnectionParameters.h>
 #include <kx/http/HttpHeaders.h>
@@ -14,58 +13,99 @@
 #include <kx/system/kxStringUtils.h>
 
 #include "core/HttpCallContext.h"
+#include "core/HttpConnectionAccess.h"
+#include "core/HttpConnectionState.h"
+#include "core/TransferError.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <limits>
 #include <list>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kx {
 namespace http {
 namespace {
 
+using detail::FormatTransferError;
 using detail::HttpCallContext;
+using detail::TransferError;
+
+// How each method is put on the wire, with and without a body. One row per method code; the helpers
+// differ only in the row they pick and the body they hand over.
+struct MethodRow {
+  TransferError logText;       // "Http <METHOD> error "
+  const char* customRequest;   // the request line's method when curl's own choice would be wrong
+  bool bodyRequired;           // PUT and POST send a body, an empty one when none was given
+  bool post;                   // POST: curl's POST mode (a 301/302/303 then becomes a GET, as browsers do)
+  bool noBody;                 // HEAD: no response body
+  // A 301, 302 or 303 answer would be followed with the method kept and the body dropped: refused.
+  bool refuseBodylessRedirect;
+};
+
+constexpr MethodRow kMethods[] = {
+    /* kGet         */ {TransferError::kHelperGet, nullptr, false, false, false, false},
+    /* kGetWithBody */ {TransferError::kHelperGet, "GET", false, false, false, true},
+    /* kPut         */ {TransferError::kHelperPut, "PUT", true, false, false, true},
+    /* kPost        */ {TransferError::kHelperPost, nullptr, true, true, false, false},
+    /* kDelete      */ {TransferError::kHelperDelete, "DELETE", false, false, false, true},
+    /* kHead        */ {TransferError::kHelperHead, "HEAD", false, false, true, false},
+};
+
+const MethodRow* RowOf(int method) {
+  if (method < 0 || method >= static_cast<int>(std::size(kMethods))) return nullptr;
+  return &kMethods[method];
+}
 
 HttpCallContext& ContextOf(void* userData) { return *static_cast<HttpCallContext*>(userData); }
 
-// An expected status of 0 accepts every answer: the body then goes to the sink and is never kept as an
-// error excerpt. A status not known yet (0) matches no other expectation.
-bool StatusAccepted(const HttpCallContext& c, long status) {
-  return c.expectedStatus == 0 || (status > 0 && status == c.expectedStatus);
-}
-
-// CURLOPT_WRITEFUNCTION of every helper call.
-size_t WriteResponse(char* data, size_t size, size_t count, void* userData) {
-  HttpCallContext& c = ContextOf(userData);
-  const size_t n = size * count;
-  c.receivedLength += static_cast<int64_t>(n);
-  if (c.responseBody != nullptr) c.responseBody->append(data, n);
-
+// "HTTP/1.1 301 Moved" -> 301; 0 for anything that is not a status line.
+long StatusOfLine(std::string_view line) {
+  if (line.size() < 12 || line.compare(0, 5, "HTTP/") != 0) return 0;
+  const size_t blank = line.find(' ');
+  if (blank == std::string_view::npos || blank + 4 > line.size()) return 0;
   long status = 0;
-  curl_easy_getinfo(static_cast<CURL*>(c.curl), CURLINFO_RESPONSE_CODE, &status);
-  const bool accepted = StatusAccepted(c, status);
-  // An error page may be huge; the report only ever needs its start.
-  if (!accepted && c.errorExcerpt.size() < HttpCallContext::kErrorExcerptMax)
-    c.errorExcerpt.append(data, std::min(n, HttpCallContext::kErrorExcerptMax - c.errorExcerpt.size()));
-
-  if (c.responseSink != nullptr && n > 0 && (accepted || c.writeAlways)) {
-    // A sink that refuses bytes ends the transfer (CURLE_WRITE_ERROR) instead of losing part of the body.
-    if (!c.responseSink->writeAll(data, n)) {
-      c.sinkFailed = true;
-      return 0;
-    }
+  for (size_t i = blank + 1; i < blank + 4; ++i) {
+    if (line[i] < '0' || line[i] > '9') return 0;
+    status = status * 10 + (line[i] - '0');
   }
-  return n;
+  return status;
 }
 
-// CURLOPT_HEADERFUNCTION, installed when the caller wants the response headers. Status lines have no
-// ':' and are kept as value-less names; the blank line closing a header block is skipped.
+bool StartsWithNoCase(std::string_view line, std::string_view prefix) {
+  if (line.size() < prefix.size()) return false;
+  for (size_t i = 0; i < prefix.size(); ++i)
+    if (kxStringUtils::AsciiToLower(line[i]) != prefix[i]) return false;
+  return true;
+}
+
+// CURLOPT_HEADERFUNCTION of every helper call: follows the status of the response being received
+// (curl's own query is not to be called from a callback), announces its length to the sink, keeps the
+// header lines the caller asked for, and stops a redirect that would drop the request body.
 size_t ReceiveHeaderLine(char* data, size_t size, size_t count, void* userData) {
   HttpCallContext& c = ContextOf(userData);
   const size_t n = size * count;
+  const std::string_view line(data, n);
+  if (const long status = StatusOfLine(line); status != 0) {
+    c.status = status;
+    c.sawLocation = false;
+  } else if (StartsWithNoCase(line, "location:")) {
+    c.sawLocation = true;
+  } else if (StartsWithNoCase(line, "content-length:")) {
+    int64_t length = -1;
+    std::string value(line.substr(15));
+    if (kxStringUtils::FromDecimal(kxStringUtils::Trim(value), length)) c.expectSize(length);
+  } else if (line == "\r\n" || line == "\n") {
+    // End of a header block. curl would now follow a 301/302/303 of a PUT, a DELETE or a GET with a
+    // body with the method kept but without the body; stopping here ends the call with that status.
+    const MethodRow* row = RowOf(c.method);
+    if (c.followLocation && c.sawLocation && c.body != nullptr && row != nullptr && row->refuseBodylessRedirect &&
+        (c.status == 301 || c.status == 302 || c.status == 303)) {
+      c.refusedRedirect = c.status;
+      return 0;
+    }
+  }
   if (c.responseHeaders != nullptr) {
     std::string name;
     std::list<std::string> values;
@@ -74,212 +114,134 @@ size_t ReceiveHeaderLine(char* data, size_t size, size_t count, void* userData) 
   return n;
 }
 
-// CURLOPT_READFUNCTION: the request body from memory or from the caller's device.
-size_t ReadBody(char* buffer, size_t size, size_t count, void* userData) {
+bool Progress(void* userData) {
   HttpCallContext& c = ContextOf(userData);
-  const size_t room = size * count;
-  if (c.bodyDevice == nullptr) {
-    const size_t n = std::min(room, c.bodySize - c.memoryPosition);
-    if (n > 0) std::memcpy(buffer, c.bodyData + c.memoryPosition, n);
-    c.memoryPosition += n;
-    return n;
-  }
-  kxIoDevice& device = *c.bodyDevice;
-  const size_t n = device.read(buffer, room);
-  if (n > 0) return n;
-  if (device.hasDeviceError()) return CURL_READFUNC_ABORT;
-  if (device.atEnd()) return 0;
-  // curl takes 0 for the end of the body: a device with nothing to give before its end would have a
-  // truncated body sent as if it were whole.
-  c.connection->addErrorInfo("request body device delivered no data before its end");
-  return CURL_READFUNC_ABORT;
+  return c.progress(c.progressArgument);
 }
 
-// CURLOPT_SEEKFUNCTION: curl rewinds the body (offset 0 from SEEK_SET) to send it again after a
-// redirect or an authentication round trip. Offsets count from where the body started.
-int SeekBody(void* userData, curl_off_t offset, int origin) {
-  HttpCallContext& c = ContextOf(userData);
-  if (origin != SEEK_SET || offset < 0) return CURL_SEEKFUNC_CANTSEEK;
-  if (c.seekableDevice != nullptr) {
-    if (offset > std::numeric_limits<int64_t>::max() - c.deviceStart) return CURL_SEEKFUNC_FAIL;
-    return c.seekableDevice->seek(c.deviceStart + offset) ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_FAIL;
-  }
-  if (static_cast<uint64_t>(offset) > c.bodySize) return CURL_SEEKFUNC_FAIL;
-  c.memoryPosition = static_cast<size_t>(offset);
-  return CURL_SEEKFUNC_OK;
-}
-
-// CURLOPT_XFERINFOFUNCTION: replaces the connection's cancel probe for the call, adding the caller's
-// progress callback.
-int Progress(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  HttpCallContext& c = ContextOf(userData);
-  if (c.cancel != nullptr && c.cancel->shouldCancel()) return 1;
-  if (c.progress != nullptr) return c.progress(c.progressArgument) ? 1 : 0;
-  return 0;
-}
-
-// A Content-Type anywhere in what will be sent (process defaults, the connection's common headers, the
-// request's own) is the caller's choice: adding a second one would leave the server to pick.
-bool ContentTypeChosen(const HttpCallContext& c, const HttpHeaders& requestHeaders) {
-  static const std::string kName = "content-type";
-  return requestHeaders.contains(kName) || c.connection->getCommonHeaders().contains(kName) ||
-         GetDefaultHttpHeaders().contains(kName);
-}
-
-const char* UploadMethodName(int method) {
-  switch (method) {
-    case HttpCallContext::kGetWithBody:
-      return "GET";
-    case HttpCallContext::kDelete:
-      return "DELETE";
-    default:
-      return "PUT";
-  }
-}
-
-// Installs the method, body reader, response writer and header sink on the freshly reset handle. Called
-// by HttpConnection::getHttpData before every attempt; a non-zero result fails the call.
+// The header callback of every helper call: the caller's headers and the method. The body, the sinks,
+// the header function and the probe were installed by the connection's setup from the call's hooks.
 int InstallCall(void* curlHandle, void* userData, HttpHeaders& requestHeaders) {
   CURL* curl = static_cast<CURL*>(curlHandle);
   HttpCallContext& c = ContextOf(userData);
-  c.curl = curl;
-  using WriteFn = size_t (*)(char*, size_t, size_t, void*);
-  using XferFn = int (*)(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
-
-  if (c.hasMemoryBody && c.bodyData == nullptr && c.bodySize > 0) {
-    c.connection->addErrorInfo("request body is null with a non-zero size");
+  const MethodRow* row = RowOf(c.method);
+  if (row == nullptr) return 2;
+  if (c.nullBody) {
+    c.connection->addErrorInfo(FormatTransferError(TransferError::kNullBody));
     return 2;
   }
-  const bool optionalBody = c.method == HttpCallContext::kGetWithBody || c.method == HttpCallContext::kDelete;
-  const bool hasBody = c.hasMemoryBody || c.bodyDevice != nullptr;
-  // PUT and POST always send a body, an empty one when none was given; GET and DELETE only with one.
-  const bool sendsBody = c.method == HttpCallContext::kPut || c.method == HttpCallContext::kPost ||
-                         (optionalBody && hasBody);
-
   if (c.extraHeaders != nullptr) requestHeaders.addHeaders(*c.extraHeaders);
 
   int result = 0;
-  result |= curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, static_cast<WriteFn>(&WriteResponse));
-  result |= curl_easy_setopt(curl, CURLOPT_WRITEDATA, userData);
-  result |= curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, static_cast<XferFn>(&Progress));
-  result |= curl_easy_setopt(curl, CURLOPT_XFERINFODATA, userData);
-
-  if (!ContentTypeChosen(c, requestHeaders)) {
-    if (c.json)
-      requestHeaders.replaceHeader("Content-Type", "application/json");
-    else if (sendsBody)
-      requestHeaders.replaceHeader("Content-Type", "application/octet-stream");
-  }
-
-  curl_off_t length = -1;
-  if (sendsBody) {
+  if (c.body != nullptr) {
     // Every attempt (the address-family retry included) starts the body from its beginning.
-    c.memoryPosition = 0;
-    c.seekableDevice = nullptr;
-    bool seekable = false;
-    if (c.bodyDevice == nullptr) {
-      length = static_cast<curl_off_t>(c.bodySize);
-      seekable = true;
-    } else if (auto* device = dynamic_cast<kxIoDeviceRandomAccess*>(c.bodyDevice);
-               device != nullptr && device->getPosition() >= 0) {
-      // The first attempt notes where the body starts; a retry goes back there.
-      if (!c.deviceStartKnown) {
-        c.deviceStart = device->getPosition();
-        c.deviceStartKnown = true;
-      } else if (!device->seek(c.deviceStart)) {
-        return 2;  // fails the call: the body cannot be sent again from its start
-      }
-      c.seekableDevice = device;
-      length = device->getRemainingSize();  // -1 when unknown: sent chunked
-      seekable = true;
-    }
-    // Without a seek function curl cannot rewind, and a redirect that must resend the body fails.
-    if (seekable) {
-      result |= curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, static_cast<curl_seek_callback>(&SeekBody));
-      result |= curl_easy_setopt(curl, CURLOPT_SEEKDATA, userData);
-    }
-  }
-
-  if (c.responseHeaders != nullptr) {
-    result |= curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, static_cast<WriteFn>(&ReceiveHeaderLine));
-    result |= curl_easy_setopt(curl, CURLOPT_HEADERDATA, userData);
-  }
-
-  switch (c.method) {
-    case HttpCallContext::kGet:
-      break;
-    case HttpCallContext::kGetWithBody:
-    case HttpCallContext::kPut:
-    case HttpCallContext::kDelete:
-      if (!sendsBody) {  // a DELETE, or a GET, without a body
-        if (c.method == HttpCallContext::kDelete) result |= curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "DELETE");
-        break;
-      }
-      result |= curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
-      result |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, static_cast<WriteFn>(&ReadBody));
-      result |= curl_easy_setopt(curl, CURLOPT_READDATA, userData);
-      result |= curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, UploadMethodName(c.method));
-      result |= curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, length);
-      break;
-    case HttpCallContext::kPost:
-      result |= curl_easy_setopt(curl, CURLOPT_POST, 1L);
-      result |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, static_cast<WriteFn>(&ReadBody));
-      result |= curl_easy_setopt(curl, CURLOPT_READDATA, userData);
-      result |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, length);
-      break;
-    case HttpCallContext::kHead:
-      result |= curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-      result |= curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "HEAD");
-      break;
-    default:
+    if (!c.body->restart()) {
+      c.connection->addErrorInfo(FormatTransferError(TransferError::kBodyRestart));
       return 2;
+    }
+    // curl asks a server for "100 Continue" before any upload it does not know to be small, and waits
+    // a second for servers that never answer it: an empty Expect removes the header.
+    requestHeaders.replaceHeader("Expect", "");
+    const curl_off_t length = c.body->size();
+    if (row->post) {
+      result |= curl_easy_setopt(curl, CURLOPT_POST, 1L);
+      result |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, length);
+    } else {
+      result |= curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+      result |= curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, length);
+    }
   }
+  if (row->noBody) result |= curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+  // A GET without a body is curl's default request; with one, curl's upload mode would send PUT.
+  if (row->customRequest != nullptr && (c.body != nullptr || c.method != HttpCallContext::kGetWithBody))
+    result |= curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, row->customRequest);
   return result;
 }
 
-HttpCallContext MemoryBody(int method, const char* data, unsigned long size, bool json) {
-  HttpCallContext c;
-  c.method = method;
-  c.json = json;
-  c.hasMemoryBody = true;
-  c.bodyData = data;
-  c.bodySize = size;
-  return c;
-}
-
-HttpCallContext NoBody(int method, bool json) {
-  HttpCallContext c;
-  c.method = method;
-  c.json = json;
-  return c;
-}
-
-HttpCallContext DeviceBody(int method, kxIoDevice& device) {
-  HttpCallContext c;
-  c.method = method;
-  c.bodyDevice = &device;
-  return c;
-}
-
-// Runs the call with the caller's result, or with a throwaway one.
+// Runs the call with the caller's result, or with a throwaway one, and logs a failure when asked to.
 bool Run(HttpConnection& connection, const HttpUrl& url, HttpHelpers::HttpResult* result,
          const HttpConnectionParameters* params, const HttpHeaders* headers, const kxCancelInterfaceReadOnly* cancel,
-         HttpCallContext& context, unsigned char expectedStatus) {
+         HttpCallContext& context, unsigned char expectedStatus, bool logFailure,
+         const kxIoDevice* source = nullptr) {
   HttpHelpers::HttpResult local;
-  return HttpHelpers::GenericCall(connection, url, result != nullptr ? *result : local, params, headers, &context,
-                                  expectedStatus, cancel);
-}
-
-// "Http <METHOD> error " + the connection's report, and the source device's error when it has one.
-bool Logged(bool ok, const char* method, const HttpConnection& connection, const kxIoDevice* source = nullptr) {
-  if (ok) return true;
-  std::string text = std::string("Http ") + method + " error " + connection.getLastErrorMsg();
-  if (source != nullptr && source->hasDeviceError()) text += "(device in error : " + source->getDeviceErrorMsg() + ")";
+  const bool ok = HttpHelpers::GenericCall(connection, url, result != nullptr ? *result : local, params, headers,
+                                           &context, expectedStatus, cancel);
+  if (ok || !logFailure) return ok;
+  // "Http <METHOD> error " + the connection's report, and the source device's error when it has one.
+  const MethodRow* row = RowOf(context.method);
+  std::string text = FormatTransferError(row != nullptr ? row->logText : TransferError::kHelperGet,
+                                         {connection.getLastErrorMsg()});
+  if (source != nullptr && source->hasDeviceError())
+    text += FormatTransferError(TransferError::kDeviceInError, {source->getDeviceErrorMsg()});
   kxLog::log(kLogTypeError, "http", text);
   return false;
 }
 
+// A device body: one that can go back to where it started when it is random access with a known
+// position, else one that is read once.
+struct DeviceBodies {
+  explicit DeviceBodies(kxIoDevice& device) {
+    auto* seekable = dynamic_cast<kxIoDeviceRandomAccess*>(&device);
+    if (seekable != nullptr && seekable->getPosition() >= 0)
+      body = &seekableBody.emplace(*seekable);
+    else
+      body = &plainBody.emplace(device);
+  }
+  std::optional<detail::SeekableDeviceRequestBody> seekableBody;
+  std::optional<detail::DeviceRequestBody> plainBody;
+  detail::RequestBody* body = nullptr;
+};
+
+// Runs `method` with the bytes in memory as its body (none when `data` is null with size 0 and the
+// method takes an optional body).
+bool RunMemory(int method, bool json, bool logFailure, const char* data, unsigned long size,
+               HttpConnection& connection, const HttpUrl& url, unsigned char expectedStatus,
+               HttpHelpers::HttpResult* result, const HttpConnectionParameters* params, const HttpHeaders* headers,
+               const kxCancelInterfaceReadOnly* cancel) {
+  HttpCallContext c(method, json);
+  const MethodRow* row = RowOf(method);
+  std::optional<detail::MemoryRequestBody> body;
+  // A null pointer with a size is refused inside the call, so that it is reported like every other
+  // refusal of the header callback.
+  c.nullBody = data == nullptr && size > 0;
+  if (!c.nullBody && (size > 0 || (row != nullptr && row->bodyRequired))) c.body = &body.emplace(data, size);
+  return Run(connection, url, result, params, headers, cancel, c, expectedStatus, logFailure);
+}
+
+bool RunDevice(int method, kxIoDevice& source, HttpConnection& connection, const HttpUrl& url,
+               unsigned char expectedStatus, HttpHelpers::HttpResult* result, const HttpConnectionParameters* params,
+               const HttpHeaders* headers, const kxCancelInterfaceReadOnly* cancel) {
+  HttpCallContext c(method, false);
+  DeviceBodies bodies(source);
+  c.body = bodies.body;
+  const bool ok = Run(connection, url, result, params, headers, cancel, c, expectedStatus, true, &source);
+  if (!ok && !bodies.body->failure().empty()) connection.addErrorInfo(bodies.body->failure());
+  return ok;
+}
+
 }  // namespace
+
+void detail::HttpCallContext::expectSize(int64_t size) {
+  // Only the body text is grown ahead: a device sink decides its own buffering.
+  if (responseText && (expectedStatus == 0 || status == expectedStatus)) responseText->expectSize(size);
+}
+
+bool detail::HttpCallContext::write(const char* data, size_t n) {
+  receivedLength += static_cast<int64_t>(n);
+  if (responseText && !responseText->write(data, n)) return false;
+  // An expected status of 0 accepts every answer: the body then goes to the sink and is never kept as
+  // an excerpt. A status not known yet matches no other expectation.
+  const bool accepted = expectedStatus == 0 || (status > 0 && status == expectedStatus);
+  // An error page may be huge; the report only ever needs its start.
+  if (!accepted && errorExcerpt.size() < kErrorExcerptMax)
+    errorExcerpt.append(data, std::min(n, kErrorExcerptMax - errorExcerpt.size()));
+  if (responseSink && n > 0 && (accepted || writeAlways) && !responseSink->write(data, n)) {
+    // A sink that refuses bytes ends the transfer (CURLE_WRITE_ERROR) instead of losing part of the body.
+    sinkFailed = true;
+    return false;
+  }
+  return true;
+}
 
 HttpHelpers::HttpResult::HttpResult() = default;
 HttpHelpers::HttpResult::~HttpResult() = default;
@@ -300,28 +262,52 @@ bool HttpHelpers::GenericCall(HttpConnection& connection, const HttpUrl& url, Ht
   c.extraHeaders = headers;
   c.cancel = cancel;
   c.expectedStatus = expectedStatus;
-  c.responseSink = result.responseSink != nullptr ? result.responseSink : result.ownedSink.get();
-  c.responseBody = result.body;
+  kxIoDevice* sink = result.responseSink != nullptr ? result.responseSink : result.ownedSink.get();
+  c.responseSink.reset();
+  if (sink != nullptr) c.responseSink.emplace(*sink);
+  c.responseText.reset();
+  if (result.body != nullptr) c.responseText.emplace(*result.body);
   c.responseHeaders = result.headers;
   c.writeAlways = !result.writeSinkOnlyOnExpectedStatus;
   c.receivedLength = 0;
+  c.status = 0;
+  c.refusedRedirect = 0;
   c.errorExcerpt.clear();
   c.sinkFailed = false;
-  c.deviceStartKnown = false;
+
+  detail::TransferHooks hooks;
+  hooks.body = c.body;
+  hooks.sink = &c;
+  hooks.headerFunction = &ReceiveHeaderLine;
+  hooks.headerData = &c;
+  if (c.progress != nullptr) {
+    hooks.progress = &Progress;
+    hooks.progressArgument = &c;
+  }
+  if (c.json)
+    hooks.contentType = "application/json";
+  else if (c.body != nullptr)
+    hooks.contentType = "application/octet-stream";
 
   std::optional<HttpConnectionParameters> saved;
   if (params != nullptr) {
     saved = connection.getConnectionParameters();
     connection.setConnectionParameters(*params);
   }
+  c.followLocation = connection.getConnectionParameters().followLocation;
+  HttpConnection::State& state = detail::HttpConnectionAccess::StateOf(connection);
+  state.hooks = &hooks;
   const bool ok = connection.getHttpData(url, "", expectedStatus, &InstallCall, cancel, &c);
+  state.hooks = nullptr;
   if (saved) connection.setConnectionParameters(*saved);
 
   result.httpStatus = static_cast<int32_t>(connection.getLastHttpReturnCode());
   if (expectedStatus != 0 && result.httpStatus != expectedStatus)
-    connection.addErrorInfo("received [" + c.errorExcerpt + "]");
-  if (c.sinkFailed && c.responseSink != nullptr)
-    connection.addErrorInfo("(device in error : " + c.responseSink->getDeviceErrorMsg() + ")");
+    connection.addErrorInfo(FormatTransferError(TransferError::kReceivedBody, {c.errorExcerpt}));
+  if (c.refusedRedirect != 0)
+    connection.addErrorInfo(FormatTransferError(TransferError::kRedirectWithoutBody, {std::to_string(c.refusedRedirect)}));
+  if (c.sinkFailed && c.responseSink)
+    connection.addErrorInfo(FormatTransferError(TransferError::kDeviceInError, {c.responseSink->device().getDeviceErrorMsg()}));
   result.bodyLength = c.receivedLength;
   return ok;
 }
@@ -329,30 +315,29 @@ bool HttpHelpers::GenericCall(HttpConnection& connection, const HttpUrl& url, Ht
 bool HttpHelpers::HttpGet(HttpConnection& connection, const HttpUrl& url, HttpResult* result,
                           const HttpConnectionParameters* params, const HttpHeaders* headers,
                           const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = NoBody(HttpCallContext::kGet, false);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, 200), "GET", connection);
+  return RunMemory(HttpCallContext::kGet, false, true, nullptr, 0, connection, url, 200, result, params, headers,
+                   cancel);
 }
 
 bool HttpHelpers::HttpHead(HttpConnection& connection, const HttpUrl& url, HttpResult* result,
                            const HttpConnectionParameters* params, const HttpHeaders* headers,
                            const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = NoBody(HttpCallContext::kHead, false);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, 200), "HEAD", connection);
+  return RunMemory(HttpCallContext::kHead, false, true, nullptr, 0, connection, url, 200, result, params, headers,
+                   cancel);
 }
 
 bool HttpHelpers::HttpGetJson(HttpConnection& connection, const HttpUrl& url, std::string& out, HttpResult* result,
                               const HttpConnectionParameters* params, const HttpHeaders* headers,
                               const kxCancelInterfaceReadOnly* cancel, const char* body, unsigned long size,
                               bool /*unused*/) {
-  HttpCallContext c = body != nullptr && size > 0 ? MemoryBody(HttpCallContext::kGetWithBody, body, size, true)
-                                                  : NoBody(HttpCallContext::kGet, true);
   HttpResult local;
   HttpResult& r = result != nullptr ? *result : local;
   std::string* const callerBody = r.body;
   r.body = &out;
-  const bool ok = GenericCall(connection, url, r, params, headers, &c, 200, cancel);
+  const bool ok = RunMemory(HttpCallContext::kGetWithBody, true, true, body, body != nullptr ? size : 0, connection,
+                            url, 200, &r, params, headers, cancel);
   r.body = callerBody;
-  return Logged(ok, "GET", connection);
+  return ok;
 }
 
 bool HttpHelpers::HttpGetJson(HttpConnection& connection, const HttpUrl& url, std::string& out, HttpResult* result,
@@ -365,8 +350,8 @@ bool HttpHelpers::HttpGetJson(HttpConnection& connection, const HttpUrl& url, st
 bool HttpHelpers::HttpPut(const char* data, unsigned long size, HttpConnection& connection, const HttpUrl& url,
                           unsigned char expectedStatus, HttpResult* result, const HttpConnectionParameters* params,
                           const HttpHeaders* headers, const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = MemoryBody(HttpCallContext::kPut, data, size, false);
-  return Run(connection, url, result, params, headers, cancel, c, expectedStatus);
+  return RunMemory(HttpCallContext::kPut, false, false, data, size, connection, url, expectedStatus, result, params,
+                   headers, cancel);
 }
 
 bool HttpHelpers::HttpPut(HttpConnection& connection, const HttpUrl& url, const std::string& data,
@@ -378,23 +363,21 @@ bool HttpHelpers::HttpPut(HttpConnection& connection, const HttpUrl& url, const 
 bool HttpHelpers::HttpPut(HttpConnection& connection, const HttpUrl& url, kxIoDevice& source,
                           unsigned char expectedStatus, HttpResult* result, const HttpConnectionParameters* params,
                           const HttpHeaders* headers, const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = DeviceBody(HttpCallContext::kPut, source);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, expectedStatus), "PUT", connection,
-                &source);
+  return RunDevice(HttpCallContext::kPut, source, connection, url, expectedStatus, result, params, headers, cancel);
 }
 
 bool HttpHelpers::HttpPutJson(const char* data, unsigned long size, HttpConnection& connection, const HttpUrl& url,
                               unsigned char expectedStatus, HttpResult* result, const HttpConnectionParameters* params,
                               const HttpHeaders* headers, const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = MemoryBody(HttpCallContext::kPut, data, size, true);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, expectedStatus), "PUT", connection);
+  return RunMemory(HttpCallContext::kPut, true, true, data, size, connection, url, expectedStatus, result, params,
+                   headers, cancel);
 }
 
 bool HttpHelpers::HttpPost(const char* data, unsigned long size, HttpConnection& connection, const HttpUrl& url,
                            unsigned char expectedStatus, HttpResult* result, const HttpConnectionParameters* params,
                            const HttpHeaders* headers, const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = MemoryBody(HttpCallContext::kPost, data, size, false);
-  return Run(connection, url, result, params, headers, cancel, c, expectedStatus);
+  return RunMemory(HttpCallContext::kPost, false, false, data, size, connection, url, expectedStatus, result, params,
+                   headers, cancel);
 }
 
 bool HttpHelpers::HttpPost(HttpConnection& connection, const HttpUrl& url, const std::string& data,
@@ -406,33 +389,30 @@ bool HttpHelpers::HttpPost(HttpConnection& connection, const HttpUrl& url, const
 bool HttpHelpers::HttpPost(HttpConnection& connection, const HttpUrl& url, kxIoDevice& source,
                            unsigned char expectedStatus, HttpResult* result, const HttpConnectionParameters* params,
                            const HttpHeaders* headers, const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = DeviceBody(HttpCallContext::kPost, source);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, expectedStatus), "POST", connection,
-                &source);
+  return RunDevice(HttpCallContext::kPost, source, connection, url, expectedStatus, result, params, headers, cancel);
 }
 
 bool HttpHelpers::HttpPostJson(const char* data, unsigned long size, HttpConnection& connection, const HttpUrl& url,
                                unsigned char expectedStatus, HttpResult* result,
                                const HttpConnectionParameters* params, const HttpHeaders* headers,
                                const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = MemoryBody(HttpCallContext::kPost, data, size, true);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, expectedStatus), "POST", connection);
+  return RunMemory(HttpCallContext::kPost, true, true, data, size, connection, url, expectedStatus, result, params,
+                   headers, cancel);
 }
 
 bool HttpHelpers::HttpDelete(HttpConnection& connection, const HttpUrl& url, unsigned char expectedStatus,
                              HttpResult* result, const HttpConnectionParameters* params, const HttpHeaders* headers,
                              const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = NoBody(HttpCallContext::kDelete, false);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, expectedStatus), "DELETE", connection);
+  return RunMemory(HttpCallContext::kDelete, false, true, nullptr, 0, connection, url, expectedStatus, result, params,
+                   headers, cancel);
 }
 
 bool HttpHelpers::HttpDeleteJson(HttpConnection& connection, const HttpUrl& url, const char* data,
                                  unsigned long size, unsigned char expectedStatus, HttpResult* result,
                                  const HttpConnectionParameters* params, const HttpHeaders* headers,
                                  const kxCancelInterfaceReadOnly* cancel) {
-  HttpCallContext c = data != nullptr && size > 0 ? MemoryBody(HttpCallContext::kDelete, data, size, true)
-                                                  : NoBody(HttpCallContext::kDelete, true);
-  return Logged(Run(connection, url, result, params, headers, cancel, c, expectedStatus), "DELETE", connection);
+  return RunMemory(HttpCallContext::kDelete, true, true, data, data != nullptr ? size : 0, connection, url,
+                   expectedStatus, result, params, headers, cancel);
 }
 
 int64_t HttpHelpers::GetContentLength(const HttpHeaders& headers) {

@@ -1,11 +1,13 @@
 // HttpPolicies: the value object, its merging and equality, and the resolution of a request's policies
 // against the process defaults. The client-certificate setters live in ClientCertificates.cpp.
 
-#include <kx/Corvix.h>
 #include <kx/http/HttpPolicies.h>
 #include <kx/http/HttpUrl.h>
 #include <kx/system/kxLog.h>
 #include <kx/system/kxStringUtils.h>
+
+#include "policies/DefaultPolicies.h"
+#include "policies/ResolvedPolicies.h"
 
 #include <atomic>
 #include <memory>
@@ -18,6 +20,10 @@ namespace http {
 namespace {
 
 constexpr const char* kLogCategory = "http";
+
+// The process-wide defaults every request resolves against. Set before requests start (see
+// kx::SetDefaultPolicies); read without a lock.
+HttpPolicies g_defaultPolicies;
 
 // Cleared by the first resolution that yields SVP_NoVerify, whichever thread gets there first; never set
 // again, so the warning appears once per process. Atomic because transfers resolve on many threads.
@@ -34,7 +40,7 @@ Policy ResolveWithFallback(const HttpPolicies* policies, Policy (HttpPolicies::*
   if (policies != nullptr && (policies->*get)() != 0) {
     return (policies->*get)();
   }
-  const Policy byDefault = (GetDefaultPolicies().*get)();
+  const Policy byDefault = (g_defaultPolicies.*get)();
   return byDefault != 0 ? byDefault : fallback;
 }
 
@@ -44,7 +50,7 @@ const HttpPolicies& ProxyDecidingLevel(const HttpPolicies* policies) {
   if (policies != nullptr && policies->getProxyPolicy() != PP_GlobalPolicy) {
     return *policies;
   }
-  return GetDefaultPolicies();
+  return g_defaultPolicies;
 }
 
 // A private copy of a proxy URL. Its policies are dropped: only the proxy's address is ever used, and a
@@ -56,6 +62,8 @@ std::unique_ptr<HttpUrl> CopyProxyUrl(const HttpUrl& url) {
 }
 
 }  // namespace
+
+HttpPolicies& detail::DefaultPolicies() { return g_defaultPolicies; }
 
 HttpPolicies::HttpPolicies()
     : sslValidatePolicy_(SVP_GlobalPolicy),
@@ -216,7 +224,7 @@ void HttpPolicies::ResolveSSLClientCertificateAndKey(const HttpPolicies* policie
   password = &kNoPassword;
   const HttpPolicies& level = (policies != nullptr && policies->clientCertificatePolicy_ != SCCP_GlobalPolicy)
                                   ? *policies
-                                  : GetDefaultPolicies();
+                                  : g_defaultPolicies;
   if (level.clientCertificatePolicy_ == SCCP_EnableClientCrt) {
     certificate = &level.clientCertificate_;
     key = &level.clientKey_;
@@ -245,6 +253,17 @@ ProxyPolicy HttpPolicies::ResolveProxyPolicy(const HttpPolicies* policies) {
 const HttpUrl* HttpPolicies::ResolveStaticProxyUrl(const HttpPolicies* policies) {
   const HttpPolicies& level = ProxyDecidingLevel(policies);
   return level.proxyPolicy_ == PP_StaticProxy ? level.staticProxyUrl_.get() : nullptr;
+}
+
+detail::ResolvedPolicies detail::ResolvedPolicies::Of(const HttpPolicies* policies) {
+  ResolvedPolicies resolved;
+  resolved.sslValidate = HttpPolicies::ResolveSSLValidatePolicy(policies);
+  resolved.clientCertificate = HttpPolicies::ResolveSSLClientCertificatePolicy(policies);
+  HttpPolicies::ResolveSSLClientCertificateAndKey(policies, resolved.certificate, resolved.key, resolved.password);
+  resolved.hostNameResolution = HttpPolicies::ResolveHostNameResolutionPolicy(policies);
+  resolved.proxy = HttpPolicies::ResolveProxyPolicy(policies);
+  resolved.staticProxyUrl = HttpPolicies::ResolveStaticProxyUrl(policies);
+  return resolved;
 }
 
 }  // namespace http

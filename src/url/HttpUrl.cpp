@@ -2,6 +2,8 @@
 
 #include <kx/http/HttpUrl.h>
 
+#include <kx/http/HttpPolicies.h>
+
 #include <algorithm>
 #include <sstream>
 #include <string>

@@ -14,8 +14,11 @@
 
 #include <memory>
 #include <string>
+#include "core/HttpConnectionAccess.h"
 
 namespace {
+
+using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpConnectionLocker;
@@ -98,7 +101,7 @@ TEST_F(HttpConnectionLockerTest, WarnsWhenAReusedConnectionMovedToAnotherPort) {
   EXPECT_EQ(log.count(Warning(server.port())), 1u) << log.dump();
   // Pooled under the host and port it last talked to.
   HttpConnectionLocker onOther(pool, otherUrl);
-  EXPECT_TRUE(onOther->hasCurlHandle());
+  EXPECT_TRUE(Access::HasCurlHandle(*onOther));
 }
 
 TEST_F(HttpConnectionLockerTest, NoWarningForFreshConnectionsOrWithoutVerboseLog) {

@@ -16,8 +16,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include "core/HttpConnectionAccess.h"
 
 namespace {
+
+using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpConnectionParameters;
@@ -56,7 +59,7 @@ TEST_F(HttpConnectionParametersTest, FollowsHttpRedirectsUpToTheLimit) {
 
   connection.editConnectionParameters().maxRedirects = 2;
   EXPECT_FALSE(call.run(connection, server.url("/redirect/3")));
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_TOO_MANY_REDIRECTS);
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_TOO_MANY_REDIRECTS);
 
   connection.editConnectionParameters().followLocation = false;
   EXPECT_TRUE(call.run(connection, server.url("/redirect/3"), 302)) << connection.getLastErrorMsg();
@@ -70,13 +73,13 @@ TEST_F(HttpConnectionParametersTest, RedirectsNeverChangeSchemeUnlessHttpsToHttp
   // http -> https is refused whatever the settings.
   connection.editConnectionParameters().allowHttpsToHttpRedirect = true;
   EXPECT_FALSE(call.run(connection, plain.url("/redirect-to?url=" + secure.url("/echo"))));
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_UNSUPPORTED_PROTOCOL);
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_UNSUPPORTED_PROTOCOL);
   EXPECT_EQ(secure.requestCount(), 0u);
 
   const std::string downgrade = secure.url("/redirect-to?url=" + plain.url("/echo"));
   connection.editConnectionParameters().allowHttpsToHttpRedirect = false;
   EXPECT_FALSE(call.run(connection, downgrade));
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_UNSUPPORTED_PROTOCOL);
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_UNSUPPORTED_PROTOCOL);
   EXPECT_EQ(plain.requestCount(), 1u);  // only the first refused redirect above
 
   connection.editConnectionParameters().allowHttpsToHttpRedirect = true;

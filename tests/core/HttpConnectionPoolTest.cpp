@@ -21,8 +21,11 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include "core/HttpConnectionAccess.h"
 
 namespace {
+
+using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpConnectionPool;
@@ -70,8 +73,8 @@ TEST_F(HttpConnectionPoolTest, KeyIsHostBytesAndPort) {
   pool.releaseHttpConnection(LeaseAndUse());
   auto otherPort = pool.getHttpConnection("127.0.0.1", other.port());
   auto otherName = pool.getHttpConnection("localhost", server.port());
-  EXPECT_FALSE(otherPort.first->hasCurlHandle()) << "a fresh connection, not the idle one";
-  EXPECT_FALSE(otherName.first->hasCurlHandle());
+  EXPECT_FALSE(Access::HasCurlHandle(*otherPort.first)) << "a fresh connection, not the idle one";
+  EXPECT_FALSE(Access::HasCurlHandle(*otherName.first));
   EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
   pool.releaseHttpConnection(otherPort);  // never used: not pooled
   pool.releaseHttpConnection(otherName);
@@ -175,9 +178,9 @@ TEST_F(HttpConnectionPoolTest, ReleaseAllClosesIdleAndRefusesEarlierLeases) {
   ASSERT_TRUE(Use(*earlier.first));
   pool.releaseHttpConnection(earlier);
   EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
-  const unsigned int generation = pool.getGeneration();
+  const unsigned int generation = Access::Generation(pool);
   pool.releaseAllConnections();
-  EXPECT_EQ(pool.getGeneration(), generation + 1);
+  EXPECT_EQ(Access::Generation(pool), generation + 1);
   EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
   pool.releaseHttpConnection(early);
   EXPECT_EQ(pool.getIdleConnectionCount(), 0u) << "leased before releaseAllConnections: closed";
@@ -222,7 +225,7 @@ class HttpConnectionPoolExpiryTest : public HttpConnectionPoolTest,
 
 TEST_P(HttpConnectionPoolExpiryTest, ExpiresStrictlyAfterKeepOpenDuration) {
   const ExpiryCase& c = GetParam();
-  pool.setTimeSource(&FakeNow);
+  Access::SetTimeSource(pool, &FakeNow);
   if (c.keepOpenSec >= 0) pool.setKeepOpenDurationSec(static_cast<uint64_t>(c.keepOpenSec));
   EXPECT_EQ(pool.getKeepOpenDurationMs(), c.keepOpenSec >= 0 ? static_cast<uint64_t>(c.keepOpenSec) * 1000 : 30000u);
   g_fakeNow = 1'000'000;
@@ -231,14 +234,14 @@ TEST_P(HttpConnectionPoolExpiryTest, ExpiresStrictlyAfterKeepOpenDuration) {
   g_fakeNow = 1'000'000 + c.idleMs;
   HttpConnectionPool::UpdatePool(&pool);
   EXPECT_EQ(pool.getIdleConnectionCount(), c.idleAfter);
-  pool.setTimeSource(nullptr);
+  Access::SetTimeSource(pool, nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(Pool, HttpConnectionPoolExpiryTest, testing::ValuesIn(kExpiryCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HttpConnectionPoolTest, ExpiryRemovesOnlyExpiredEntries) {
-  pool.setTimeSource(&FakeNow);
+  Access::SetTimeSource(pool, &FakeNow);
   g_fakeNow = 2'000'000;
   auto older = LeaseAndUse();
   auto newer = LeaseAndUse();
@@ -251,11 +254,11 @@ TEST_F(HttpConnectionPoolTest, ExpiryRemovesOnlyExpiredEntries) {
   auto left = pool.getHttpConnection("127.0.0.1", server.port());
   EXPECT_EQ(left.first, newer.first);
   pool.releaseHttpConnection(left);
-  pool.setTimeSource(nullptr);
+  Access::SetTimeSource(pool, nullptr);
 }
 
 TEST_F(HttpConnectionPoolTest, HugeKeepOpenSaturatesInsteadOfWrapping) {
-  pool.setTimeSource(&FakeNow);
+  Access::SetTimeSource(pool, &FakeNow);
   pool.setKeepOpenDurationSec(std::numeric_limits<uint64_t>::max() / 999);  // * 1000 would wrap
   EXPECT_EQ(pool.getKeepOpenDurationMs(), std::numeric_limits<uint64_t>::max());
   g_fakeNow = std::numeric_limits<int64_t>::min() + 1;
@@ -263,7 +266,7 @@ TEST_F(HttpConnectionPoolTest, HugeKeepOpenSaturatesInsteadOfWrapping) {
   g_fakeNow = std::numeric_limits<int64_t>::max();
   HttpConnectionPool::UpdatePool(&pool);
   EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
-  pool.setTimeSource(nullptr);
+  Access::SetTimeSource(pool, nullptr);
 }
 
 TEST_F(HttpConnectionPoolTest, PeriodicalUpdaterTrimsRegisteredPoolsOnly) {
@@ -275,7 +278,7 @@ TEST_F(HttpConnectionPoolTest, PeriodicalUpdaterTrimsRegisteredPoolsOnly) {
     HttpConnectionPool shortLived;
     shortLived.releaseHttpConnection(LeaseAndUse());
   }
-  pool.setTimeSource(&FakeNow);
+  Access::SetTimeSource(pool, &FakeNow);
   g_fakeNow = 3'000'000;
   pool.releaseHttpConnection(LeaseAndUse());
   ASSERT_TRUE(updater->runNowAndWait(10000));
@@ -283,7 +286,7 @@ TEST_F(HttpConnectionPoolTest, PeriodicalUpdaterTrimsRegisteredPoolsOnly) {
   g_fakeNow = 3'030'001;
   ASSERT_TRUE(updater->runNowAndWait(10000));
   EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
-  pool.setTimeSource(nullptr);
+  Access::SetTimeSource(pool, nullptr);
 }
 
 // Outside initializeCorvix/terminateCorvix there is no updater: creating and destroying a pool there

@@ -16,8 +16,11 @@
 #include <memory>
 #include <string>
 #include <vector>
+#include "core/HttpConnectionAccess.h"
 
 namespace {
+
+using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpHeaders;
@@ -84,7 +87,7 @@ TEST_F(HttpConnectionRetryTest, OnlyOneRetryAndOnlyUnderAPreference) {
   const std::string url = server.urlWithHost(kHost, "/echo");
   EXPECT_FALSE(call.run(connection, Url(url, kx::http::HNRP_PreferIpv4)));
   EXPECT_EQ(call.calls, 2);
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_COULDNT_RESOLVE_HOST);
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_COULDNT_RESOLVE_HOST);
   EXPECT_EQ(connection.getLastErrorMsg().rfind("HttpConnection error : Curl easy perform error after ", 0), 0u);
 
   call.calls = 0;
@@ -100,7 +103,7 @@ TEST_F(HttpConnectionRetryTest, CertificateProblemRetriesNamesButNotAddresses) {
   ASSERT_TRUE(badCertificate.setClientCertificatePolicyBlobPEM(garbage.data(), garbage.size(), garbage.data(),
                                                                garbage.size(), ""));
   EXPECT_FALSE(call.run(connection, Url(server.url("/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_SSL_CERTPROBLEM);
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM);
   EXPECT_EQ(call.calls, 1) << "127.0.0.1 has no other family to try";
 
   // curl consults the resolver-start callback even for an address literal, so it is only set up now.
@@ -108,7 +111,7 @@ TEST_F(HttpConnectionRetryTest, CertificateProblemRetriesNamesButNotAddresses) {
   script(server, {1, 2});
   HttpUrl named = Url(server.urlWithHost(kHost, "/echo"), kx::http::HNRP_PreferIpv4, badCertificate);
   EXPECT_FALSE(call.run(connection, named));
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_SSL_CERTPROBLEM) << connection.getLastErrorMsg();
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM) << connection.getLastErrorMsg();
   EXPECT_EQ(call.calls, 2);
 }
 

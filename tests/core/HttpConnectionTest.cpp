@@ -17,8 +17,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "core/HttpConnectionAccess.h"
 
 namespace {
+
+using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpHeaders;
@@ -91,7 +94,7 @@ TEST_F(HttpConnectionTest, StatusCheck) {
   EXPECT_EQ(connection.getLastHttpReturnCode(), 404);
   EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
             "HttpConnection error : bad html response code, got 404, expect 200 " + url);
-  EXPECT_TRUE(connection.hasCurlHandle()) << "a wrong status keeps the handle";
+  EXPECT_TRUE(Access::HasCurlHandle(connection)) << "a wrong status keeps the handle";
   EXPECT_EQ(call.body, "status 404\n");
 
   EXPECT_TRUE(call.run(connection, url, 0)) << "0 accepts any status";
@@ -109,25 +112,25 @@ TEST_F(HttpConnectionTest, ContentTypeCheckIsExact) {
   EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
             "HttpConnection error : bad content type, got " + type + ", expect application/json " + url);
   EXPECT_FALSE(call.run(connection, url, 200, kx::kxStringUtils::AsciiToUpper(type)));
-  EXPECT_TRUE(connection.hasCurlHandle());
+  EXPECT_TRUE(Access::HasCurlHandle(connection));
 }
 
 TEST_F(HttpConnectionTest, FailuresBeforeTheTransferSendNothing) {
   ASSERT_TRUE(call.run(connection, server.url("/echo")));
-  ASSERT_TRUE(connection.hasCurlHandle());
+  ASSERT_TRUE(Access::HasCurlHandle(connection));
 
   HttpUrl url(server.url("/echo"));
   url.addAuthenticator(std::make_unique<TestAuthenticator>("token expired"));
   EXPECT_FALSE(call.run(connection, url));
   EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
             "HttpConnection error : Authenticator return an error : token expired");
-  EXPECT_FALSE(connection.hasCurlHandle());
+  EXPECT_FALSE(Access::HasCurlHandle(connection));
 
   call.onCall = [](CURL*, HttpHeaders&, int) { return 7; };
   EXPECT_FALSE(call.run(connection, server.url("/echo")));
   EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
             "HttpConnection error : User callback return and error");
-  EXPECT_FALSE(connection.hasCurlHandle());
+  EXPECT_FALSE(Access::HasCurlHandle(connection));
   call.onCall = nullptr;
 
   EXPECT_FALSE(call.run(connection, "ftp://127.0.0.1/file"));
@@ -144,8 +147,8 @@ TEST_F(HttpConnectionTest, FailuresBeforeTheTransferSendNothing) {
 
 TEST_F(HttpConnectionTest, BodyWithoutSinkFailsWithWriteError) {
   EXPECT_FALSE(connection.getHttpData(HttpUrl(server.url("/echo")), "", 200, nullptr, nullptr, nullptr));
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_WRITE_ERROR);
-  EXPECT_FALSE(connection.hasCurlHandle()) << "a transfer error destroys the handle";
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_WRITE_ERROR);
+  EXPECT_FALSE(Access::HasCurlHandle(connection)) << "a transfer error destroys the handle";
 }
 
 TEST(HttpConnectionUninitializedTest, RefusesToCreateAHandle) {
@@ -190,7 +193,7 @@ TEST_F(HttpConnectionTest, LowSpeedRuleEndsAStalledTransfer) {
                                "\nCurl error : CURLE_OPERATION_TIMEDOUT (28), Timeout was reached\n"
                                "Curl internal error : Operation too slow.";
   EXPECT_NE(report.find(expected), std::string::npos) << report;
-  EXPECT_FALSE(connection.hasCurlHandle());
+  EXPECT_FALSE(Access::HasCurlHandle(connection));
 }
 
 TEST_F(HttpConnectionTest, CancelFromAnotherThreadStopsTheTransferAndKeepsTheHandle) {
@@ -220,13 +223,13 @@ TEST_F(HttpConnectionTest, CancelFromAnotherThreadStopsTheTransferAndKeepsTheHan
   if (sink.received == 0) firstBytes.set_value();  // never leave the canceller waiting
   canceller.join();
   EXPECT_FALSE(ok);
-  EXPECT_EQ(connection.getLastCurlCode(), CURLE_ABORTED_BY_CALLBACK);
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_ABORTED_BY_CALLBACK);
   EXPECT_FALSE(connection.wasAbortedByCallback()) << "inverted: false after a cancelled transfer";
   EXPECT_GT(sink.received, 0u);
   EXPECT_LT(sink.received, 1000000u);
   const std::string report = connection.getLastErrorMsg();
   EXPECT_EQ(report.rfind("HttpConnection error : Curl easy perform canceled after ", 0), 0u) << report;
-  EXPECT_TRUE(connection.hasCurlHandle());
+  EXPECT_TRUE(Access::HasCurlHandle(connection));
 }
 
 }  // namespace

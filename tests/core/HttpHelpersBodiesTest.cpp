@@ -20,8 +20,11 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include "core/HttpConnectionAccess.h"
 
 namespace {
+
+using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpHelpers;
@@ -186,7 +189,7 @@ TEST_P(HttpHelpersRedirectTest, RedirectResendsRewindableBodiesOnly) {
     EXPECT_EQ(requests[1].method, c.post ? "POST" : "PUT");
     EXPECT_EQ(requests[1].body, data);
   } else {
-    EXPECT_EQ(connection.getLastCurlCode(), 65);  // CURLE_SEND_FAIL_REWIND
+    EXPECT_EQ(Access::LastCurlCode(connection), 65);  // CURLE_SEND_FAIL_REWIND
     EXPECT_EQ(requests.size(), 1u);
     EXPECT_TRUE(log.containsFragment(c.post ? "Http POST error " : "Http PUT error ")) << log.dump();
   }
@@ -199,7 +202,7 @@ TEST_F(HttpHelpersBodiesTest, FailingSourceDeviceIsNamedInTheLog) {
   StreamSource device(LoopbackHttpServer::PatternBytes(50000), 20000, StreamSource::Fault::kError);
   EXPECT_FALSE(HttpHelpers::HttpPut(connection, HttpUrl(server.url("/echo/body")), device, 200, nullptr, nullptr,
                                     nullptr, nullptr));
-  EXPECT_EQ(connection.getLastCurlCode(), 42);  // CURLE_ABORTED_BY_CALLBACK, from the read function
+  EXPECT_EQ(Access::LastCurlCode(connection), 42);  // CURLE_ABORTED_BY_CALLBACK, from the read function
   const auto texts = log.texts("http");
   ASSERT_EQ(texts.size(), 1u) << log.dump();
   const std::string report = Report();

@@ -22,8 +22,11 @@
 #include <list>
 #include <string>
 #include <thread>
+#include "core/HttpConnectionAccess.h"
 
 namespace {
+
+using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpHeaders;
@@ -211,7 +214,7 @@ TEST_F(HttpHelpersTest, SinkRules) {
   tooSmall.setMaxSize(100);
   result.responseSink = &tooSmall;
   EXPECT_FALSE(HttpHelpers::HttpGet(connection, Url("/bytes/5000"), &result, nullptr, nullptr, nullptr));
-  EXPECT_EQ(connection.getLastCurlCode(), 23);  // CURLE_WRITE_ERROR
+  EXPECT_EQ(Access::LastCurlCode(connection), 23);  // CURLE_WRITE_ERROR
   EXPECT_NE(Report().find("(device in error : write exceeds the maximum size of the device)"), std::string::npos)
       << Report();
 }
@@ -286,11 +289,11 @@ TEST_F(HttpHelpersTest, CancelledFromAnotherThread) {
                                        nullptr, &cancel);
   canceller.join();
   EXPECT_FALSE(ok);
-  EXPECT_EQ(connection.getLastCurlCode(), 42);  // CURLE_ABORTED_BY_CALLBACK
+  EXPECT_EQ(Access::LastCurlCode(connection), 42);  // CURLE_ABORTED_BY_CALLBACK
   EXPECT_FALSE(connection.wasAbortedByCallback()) << "inverted sense";
   EXPECT_NE(Report().find("HttpConnection error : Curl easy perform canceled after "), std::string::npos) << Report();
   EXPECT_LT(result.bodyLength, 100000);
-  EXPECT_TRUE(connection.hasCurlHandle()) << "a cancelled call keeps the handle";
+  EXPECT_TRUE(Access::HasCurlHandle(connection)) << "a cancelled call keeps the handle";
 }
 
 // GenericCall driven directly with its context: the progress callback, bad method codes, and
@@ -305,7 +308,7 @@ TEST_F(HttpHelpersTest, ProgressCallbackAbortsTheTransfer) {
   Result result;
   EXPECT_FALSE(HttpHelpers::GenericCall(connection, Url("/slow?bytes=100000&intervalMs=20"), result, nullptr,
                                         nullptr, &context, 200, nullptr));
-  EXPECT_EQ(connection.getLastCurlCode(), 42);
+  EXPECT_EQ(Access::LastCurlCode(connection), 42);
   EXPECT_EQ(polls, 3);
 }
 

@@ -1,5 +1,6 @@
 #include <kx/Corvix.h>
 #include <kx/http/HttpHeaders.h>
+#include <kx/http/HttpPolicies.h>
 #include <kx/http/HttpUrl.h>
 
 #include <gtest/gtest.h>

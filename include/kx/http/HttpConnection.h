@@ -35,6 +35,10 @@ namespace http {
 class HttpConnectionParameters;
 class HttpHeaders;
 class HttpUrl;
+namespace detail {
+struct HttpConnectionAccess;
+struct ResolvedPolicies;
+}
 enum HostNameResolutionPolicy : unsigned char;
 
 class KX_EXPORT HttpConnection {
@@ -65,21 +69,16 @@ class KX_EXPORT HttpConnection {
   // kx::initializeCorvix; false (handle destroyed) when curl refused an option, e.g. for a scheme other
   // than http and https.
   bool setupConnection(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel);
-  // The same with `policy` in place of the URL's resolved host-name resolution policy, unless it is
-  // HNRP_GlobalPolicy. getHttpData's retry passes HNRP_Whatever.
-  bool setupConnection(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel, HostNameResolutionPolicy policy);
 
   // Destroys the curl handle; the next call creates a fresh one and a fresh socket.
   void clearConnection();
 
   // False without a handle; otherwise whether curl still holds an open socket.
   bool isUnderlyingSockerValid() const;
-  // True while the connection holds a curl handle: false before the first call and after a call that
-  // destroyed it (transfer error, failed authenticator or header callback); a cancelled call or a
-  // status/content-type mismatch keeps it.
-  bool hasCurlHandle() const;
 
-  // The URL of the last call, without credentials and without policies.
+  // The URL of the last call, without credentials, policies or authenticators: it serves the host:port
+  // check of the next call and display, and copying the authenticators (which may hold client secrets
+  // or tokens) on every request would keep a second copy of those secrets for neither.
   const HttpUrl& getLastUrl() const;
   long getLastHttpReturnCode() const;
   std::string getLastReceivedType() const;
@@ -88,7 +87,6 @@ class KX_EXPORT HttpConnection {
   // True when the last curl result is NOT CURLE_ABORTED_BY_CALLBACK (42). The inverted sense is kept
   // for compatibility with existing callers.
   bool wasAbortedByCallback() const;
-  int getLastCurlCode() const;
   const std::string& getLastRequestId() const;
 
   // The multi-line report of the last call.
@@ -113,6 +111,9 @@ class KX_EXPORT HttpConnection {
   struct State;
 
  private:
+  friend struct detail::HttpConnectionAccess;
+  // setupConnection with the request's policies already resolved (once per attempt).
+  bool setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel, const detail::ResolvedPolicies& policies);
   std::unique_ptr<State> state_;
   bool trackSocket_;
 };

@@ -34,7 +34,6 @@ namespace http {
 
 class HttpUrl;
 class HttpProxyFinder;
-enum HostNameResolutionPolicy : unsigned char;
 
 class KX_EXPORT HttpConnectionParameters {
  public:
@@ -44,11 +43,6 @@ class KX_EXPORT HttpConnectionParameters {
   // every curl_easy_setopt result: 0 when all were accepted. Only http and https URLs pass (a different
   // scheme gives a non-zero result after the redirect options).
   int applyParameters(void* curl, const HttpUrl& url, HttpProxyFinder& finder) const;
-  // The same, except that a `resolutionPolicy` other than HNRP_GlobalPolicy replaces the host-name
-  // resolution policy resolved from the URL. HttpConnection's retry with any address family passes
-  // HNRP_Whatever here, so that the second attempt is not held to the family that just failed.
-  int applyParameters(void* curl, const HttpUrl& url, HttpProxyFinder& finder,
-                      HostNameResolutionPolicy resolutionPolicy) const;
 
   bool operator==(const HttpConnectionParameters& other) const;
   bool operator!=(const HttpConnectionParameters& other) const { return !(*this == other); }

@@ -38,6 +38,9 @@ namespace kx {
 namespace http {
 
 class HttpConnection;
+namespace detail {
+struct HttpConnectionAccess;
+}
 
 class KX_EXPORT HttpConnectionPool {
  public:
@@ -67,15 +70,12 @@ class KX_EXPORT HttpConnectionPool {
   uint64_t getMaxConcurrentConnection() const;
   void setMaxPendingConnection(uint64_t count);  // 0 counts as 1
   void ensureAtLeastMaxConcurrentConnection(unsigned int count);  // raises, never lowers
-  unsigned int getGeneration() const;
   size_t getIdleConnectionCount() const;
 
-  // The clock expiry is measured with; GetTimeBaseMs by default. Lets tests age idle connections by
-  // an exact number of milliseconds. Null restores the default.
-  using TimeSource = int64_t (*)();
-  void setTimeSource(TimeSource now);
-
  private:
+  friend struct detail::HttpConnectionAccess;
+  using TimeSource = int64_t (*)();
+
   struct tConnection {
     HttpConnection* connection;
     int64_t releaseTimeMs;

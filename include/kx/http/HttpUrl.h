@@ -17,7 +17,6 @@
 
 #include <kx/Url.h>
 #include <kx/http/HttpAuthenticatorInterface.h>
-#include <kx/http/HttpPolicies.h>
 #include <kx/system/kxExport.h>
 
 #include <list>
@@ -26,6 +25,10 @@
 
 namespace kx {
 namespace http {
+
+// Policies are only pointed at here (include kx/http/HttpPolicies.h to build or read them): the
+// policies keep a copy of their static proxy's HttpUrl, so the two headers must not include each other.
+class HttpPolicies;
 
 class KX_EXPORT HttpUrl : public kx::Url {
  public:

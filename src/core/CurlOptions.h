@@ -1,0 +1,27 @@
+// HttpConnectionParameters::applyParameters with the request's policies resolved by the caller, so that
+// one transfer attempt resolves them once (HttpConnection's setup) and a retry can change the address
+// family without resolving again.
+#pragma once
+
+#include <curl/curl.h>
+
+namespace kx {
+namespace http {
+
+class HttpConnectionParameters;
+class HttpProxyFinder;
+class HttpUrl;
+
+namespace detail {
+
+struct ResolvedPolicies;
+
+// Sets on the freshly reset (or new) handle every option the parameters and policies call for that
+// differs from libcurl's default; returns the OR of the curl_easy_setopt results. `cookieEngineOn`
+// tells whether the handle's cookie engine is already on, and is updated.
+int ApplyParameters(const HttpConnectionParameters& parameters, CURL* curl, const HttpUrl& url,
+                    HttpProxyFinder& finder, const ResolvedPolicies& policies, bool& cookieEngineOn);
+
+}  // namespace detail
+}  // namespace http
+}  // namespace kx
