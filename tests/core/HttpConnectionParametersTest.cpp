@@ -139,6 +139,24 @@ TEST_P(HttpConnectionTlsTest, VerifiesPeerAndHostExceptOnLoopbackAddress) {
 INSTANTIATE_TEST_SUITE_P(Tls, HttpConnectionTlsTest, testing::ValuesIn(kTlsCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// The exemption belongs to the address, not to the handle: a redirect from https://127.0.0.1 to any other
+// address (a test server on [::1], whose certificate nobody here trusts) fails as the curl tool fails it,
+// while a redirect to another port of 127.0.0.1 stays exempt.
+TEST_F(HttpConnectionParametersTest, LoopbackExemptionEndsAtTheLoopbackAddress) {
+  LoopbackHttpServer origin({.tls = Tls::kOn});
+  LoopbackHttpServer elsewhere({.tls = Tls::kOn, .ipv6 = true});
+  LoopbackHttpServer sameAddress({.tls = Tls::kOn, .wrongNameCertificate = true});
+  const std::string elsewhereUrl = "https://%5B%3A%3A1%5D:" + std::to_string(elsewhere.port()) + "/echo";
+  HttpConnection connection;
+  ConnectionTestCall call;
+  EXPECT_FALSE(call.run(connection, origin.url("/redirect-to?url=" + elsewhereUrl)));
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_ABORTED_BY_CALLBACK) << connection.getLastErrorMsg();
+  EXPECT_EQ(elsewhere.requestCount(), 0u);
+  EXPECT_TRUE(call.run(connection, origin.url("/redirect-to?url=" + sameAddress.url("/echo"))))
+      << connection.getLastErrorMsg();
+  EXPECT_EQ(sameAddress.requestCount(), 1u);
+}
+
 TEST_F(HttpConnectionParametersTest, PresentsClientCertificateFromMemory) {
   const auto& pki = kx::test::TestCertificates::Shared();
   const std::string pass = kx::test::TestCertificates::kPassphrase;

@@ -32,15 +32,17 @@ using kx::http::HttpUrl;
 using kx::test::LoopbackHttpServer;
 
 // A readable device without random access, delivering at most 1000 bytes per read. It can fail after
-// `failAt` bytes, or stall there (nothing delivered, no error, not at its end).
+// `failAt` bytes, or stall there (nothing delivered, no error, not at its end), or answer every other read
+// with "nothing now" (0 before its end) as a builder switching sources does.
 class StreamSource : public kx::kxIoDevice {
  public:
-  enum class Fault { kNone, kError, kStall };
+  enum class Fault { kNone, kError, kStall, kPauses };
   explicit StreamSource(std::string data, size_t faultAt = std::string::npos, Fault fault = Fault::kNone)
       : kxIoDevice(DW_Read), data_(std::move(data)), faultAt_(faultAt), fault_(fault) {}
 
   size_t readBytes(char* buffer, size_t size) override {
     if (!readAllowed()) return 0;
+    if (fault_ == Fault::kPauses && (paused_ = !paused_)) return 0;
     if (position_ >= faultAt_) {
       if (fault_ == Fault::kError) setDeviceError("source broke");
       return 0;
@@ -57,9 +59,10 @@ class StreamSource : public kx::kxIoDevice {
   size_t position_ = 0;
   size_t faultAt_;
   Fault fault_;
+  bool paused_ = false;
 };
 
-enum class Source { kMemory, kString, kSeekableDevice, kStreamDevice, kFile };
+enum class Source { kMemory, kString, kSeekableDevice, kStreamDevice, kPausingStream, kFile };
 struct BodyCase {
   const char* name;
   bool post;
@@ -73,6 +76,7 @@ constexpr BodyCase kBodyCases[] = {
     {"PostMemory", true, Source::kMemory, 70000},          {"PostString", true, Source::kString, 5},
     {"PostSeekable", true, Source::kSeekableDevice, 70000}, {"PostStream", true, Source::kStreamDevice, 70000},
     {"PostFile", true, Source::kFile, 3000},               {"PostEmptyStream", true, Source::kStreamDevice, 0},
+    {"PutPausingStream", false, Source::kPausingStream, 70000},
 };
 
 class HttpHelpersBodiesTest : public kx::test::CorvixSuite {
@@ -98,8 +102,10 @@ class HttpHelpersBodiesTest : public kx::test::CorvixSuite {
         kx::kxIoDeviceStringReadOnly device(data);
         return SendDevice(post, device, url, result);
       }
-      case Source::kStreamDevice: {
-        StreamSource device(data);
+      case Source::kStreamDevice:
+      case Source::kPausingStream: {
+        StreamSource device(data, std::string::npos,
+                            source == Source::kPausingStream ? StreamSource::Fault::kPauses : StreamSource::Fault::kNone);
         return SendDevice(post, device, url, result);
       }
       case Source::kFile: {
@@ -143,7 +149,7 @@ TEST_P(HttpHelpersBodyCaseTest, ServerReceivesTheExactBody) {
   EXPECT_EQ(echoed, data);
   EXPECT_EQ(request.header("Content-Type"), "application/octet-stream");
   // Only a device of unknown length is sent chunked; everything else announces its length.
-  if (c.source == Source::kStreamDevice) {
+  if (c.source == Source::kStreamDevice || c.source == Source::kPausingStream) {
     EXPECT_EQ(request.header("Transfer-Encoding"), "chunked");
   } else {
     EXPECT_EQ(request.header("Content-Length"), std::to_string(c.size));
@@ -196,6 +202,65 @@ TEST_P(HttpHelpersRedirectTest, RedirectResendsRewindableBodiesOnly) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Bodies, HttpHelpersRedirectTest, testing::ValuesIn(kRedirectCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// curl keeps a PUT, a DELETE or a GET with a body (its custom method) across a 301, 302 or 303 but drops
+// the body: the server at the new location would get the method with nothing. Such an answer ends the
+// call with its status instead. A POST becomes a GET there, as browsers do, and a 307 resends the body.
+enum class Verb { kPut, kDeleteJson, kGetJson, kPost };
+struct BodylessRedirectCase {
+  const char* name;
+  Verb verb;
+  int status;
+  bool followed;
+};
+constexpr BodylessRedirectCase kBodylessRedirectCases[] = {
+    {"Put301", Verb::kPut, 301, false},          {"Put302", Verb::kPut, 302, false},
+    {"Put303", Verb::kPut, 303, false},          {"DeleteWithBody303", Verb::kDeleteJson, 303, false},
+    {"GetWithBody302", Verb::kGetJson, 302, false}, {"Post303BecomesGet", Verb::kPost, 303, true},
+    {"Put307KeepsBody", Verb::kPut, 307, true},
+};
+
+class HttpHelpersBodylessRedirectTest : public HttpHelpersBodiesTest,
+                                        public testing::WithParamInterface<BodylessRedirectCase> {};
+
+TEST_P(HttpHelpersBodylessRedirectTest, UploadIsNeverRepeatedWithoutItsBody) {
+  const BodylessRedirectCase& c = GetParam();
+  const std::string data = "{\"k\":\"payload\"}";
+  const HttpUrl url(server.url("/redirect-to?status=" + std::to_string(c.status) + "&url=/echo/body"));
+  std::string out;
+  bool ok = false;
+  switch (c.verb) {
+    case Verb::kPut:
+      ok = HttpHelpers::HttpPut(connection, url, data, 200, nullptr, nullptr, nullptr, nullptr);
+      break;
+    case Verb::kDeleteJson:
+      ok = HttpHelpers::HttpDeleteJson(connection, url, data.data(), data.size(), 200, nullptr, nullptr, nullptr,
+                                       nullptr);
+      break;
+    case Verb::kGetJson:
+      ok = HttpHelpers::HttpGetJson(connection, url, out, nullptr, nullptr, nullptr, nullptr, data.data(), data.size(),
+                                    false);
+      break;
+    case Verb::kPost:
+      ok = HttpHelpers::HttpPost(connection, url, data, 200, nullptr, nullptr, nullptr, nullptr);
+      break;
+  }
+  const auto requests = server.requests();
+  if (!c.followed) {
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(connection.getLastHttpReturnCode(), c.status);
+    EXPECT_NE(Report().find("redirect " + std::to_string(c.status) + " not followed"), std::string::npos) << Report();
+    EXPECT_EQ(requests.size(), 1u) << "the new location was asked without the body";
+    return;
+  }
+  ASSERT_TRUE(ok) << Report();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[1].method, c.verb == Verb::kPost ? "GET" : "PUT");
+  EXPECT_EQ(requests[1].body, c.verb == Verb::kPost ? "" : data);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bodies, HttpHelpersBodylessRedirectTest, testing::ValuesIn(kBodylessRedirectCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HttpHelpersBodiesTest, FailingSourceDeviceIsNamedInTheLog) {

@@ -9,6 +9,12 @@
 //   policies->setClientCertificatePolicyFilePEM("client.crt", "client.key", "pass phrase");
 //   url.setPolicies(policies);
 //
+// The loopback exemption: a request to the host "127.0.0.1" (exactly that text) is never
+// certificate-checked, whatever its validation policy, because local sidecars and test servers rarely hold
+// a certificate naming that address. The exemption covers that address only: a redirect that would
+// connect anywhere else (another address, "::1" included) ends the transfer with
+// CURLE_ABORTED_BY_CALLBACK instead of following it unverified. "localhost" is checked like any name.
+//
 // Secret material (certificate and key bytes, pass phrase) is overwritten with zeros over its whole
 // allocation before it is released or replaced.
 //
