@@ -242,6 +242,15 @@ TEST_F(HttpConnectionParametersTest, CookiesAndCompressionFollowTheirSwitches) {
       EXPECT_EQ(server.lastRequest().hasHeader("Accept-Encoding"), enabled);
     }
   }
+  // Switching cookies off on a connection drops its jar: switched on again, it starts empty.
+  HttpConnection connection;
+  ConnectionTestCall call;
+  ASSERT_TRUE(call.run(connection, server.url("/set-cookie"))) << connection.getLastErrorMsg();
+  for (bool enabled : {false, true}) {
+    connection.editConnectionParameters().enableCookies = enabled;
+    ASSERT_TRUE(call.run(connection, server.url("/echo"))) << connection.getLastErrorMsg();
+    EXPECT_EQ(server.lastRequest().header("Cookie"), "");
+  }
 }
 
 }  // namespace
