@@ -365,6 +365,18 @@ HttpConnection::State& detail::HttpConnectionAccess::StateOf(HttpConnection& con
   return *connection.state_;
 }
 
+bool detail::HttpConnectionAccess::GetHttpData(HttpConnection& connection, const HttpUrl& url,
+                                               const std::string& expectedContentType, long expectedStatus,
+                                               const TransferHooks& hooks, HttpConnection::HeaderCallback headerCallback,
+                                               const kxCancelInterfaceReadOnly* cancel, void* userData) {
+  HttpConnection::State& s = *connection.state_;
+  s.hooks = &hooks;
+  const bool ok = connection.getHttpData(url, expectedContentType, expectedStatus, headerCallback, cancel, userData);
+  s.hooks = nullptr;
+  s.cancel = nullptr;
+  return ok;
+}
+
 const HttpUrl& HttpConnection::getLastUrl() const { return state_->lastUrl; }
 
 long HttpConnection::getLastHttpReturnCode() const { return state_->httpStatus; }

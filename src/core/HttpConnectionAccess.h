@@ -10,10 +10,14 @@
 #include <kx/http/HttpConnectionPool.h>
 
 #include <cstdint>
+#include <string>
 
 namespace kx {
+class kxCancelInterfaceReadOnly;
 namespace http {
 namespace detail {
+
+struct TransferHooks;
 
 struct HttpConnectionAccess {
   // True while the connection holds a curl handle: false before the first call and after a call that
@@ -22,6 +26,12 @@ struct HttpConnectionAccess {
   static bool HasCurlHandle(const HttpConnection& connection);
   static int LastCurlCode(const HttpConnection& connection);
   static HttpConnection::State& StateOf(HttpConnection& connection);
+  // getHttpData with the call's own body, response sink, header function and probe (TransferHooks)
+  // installed by the connection's setup in place of its defaults: the door through which the library's
+  // call paths (request helpers, document fetcher, downloads) hand over bodies and sinks.
+  static bool GetHttpData(HttpConnection& connection, const HttpUrl& url, const std::string& expectedContentType,
+                          long expectedStatus, const TransferHooks& hooks, HttpConnection::HeaderCallback headerCallback,
+                          const kxCancelInterfaceReadOnly* cancel, void* userData);
 
   // Incremented by releaseAllConnections.
   static unsigned int Generation(const HttpConnectionPool& pool);

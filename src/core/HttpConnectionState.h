@@ -13,37 +13,14 @@
 #include <kx/http/HttpUrl.h>
 #include <kx/system/kxTime.h>
 
+#include "core/TransferHooks.h"
+
 #include <cstdint>
 #include <string>
 
 namespace kx {
 class kxCancelInterfaceReadOnly;
 namespace http {
-namespace detail {
-
-class RequestBody;
-class ResponseSink;
-
-// What the library's own call paths (request helpers, document fetcher, downloads) hand a connection for
-// one call, installed by setupConnection in place of the connection's defaults (no body, a writer that
-// refuses every byte, no extra probe), so that no option is set twice. Plain getHttpData callers leave
-// it null and install what they need from their header callback instead.
-struct TransferHooks {
-  RequestBody* body = nullptr;
-  ResponseSink* sink = nullptr;
-  // CURLOPT_HEADERFUNCTION and its data, when the call reads the response's header lines.
-  size_t (*headerFunction)(char*, size_t, size_t, void*) = nullptr;
-  void* headerData = nullptr;
-  // Polled with the cancel object while the transfer runs; true aborts it.
-  bool (*progress)(void*) = nullptr;
-  void* progressArgument = nullptr;
-  // Sent as "Content-Type" unless one of the header layers (process defaults, the connection's common
-  // headers, the request's own) already names one.
-  const char* contentType = nullptr;
-};
-
-}  // namespace detail
-
 struct HttpConnection::State {
   HttpProxyFinder proxyFinder;
   HttpConnectionParameters parameters;

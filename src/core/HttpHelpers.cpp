@@ -14,7 +14,7 @@
 
 #include "core/HttpCallContext.h"
 #include "core/HttpConnectionAccess.h"
-#include "core/HttpConnectionState.h"
+#include "core/TransferHooks.h"
 #include "core/TransferError.h"
 
 #include <algorithm>
@@ -295,10 +295,8 @@ bool HttpHelpers::GenericCall(HttpConnection& connection, const HttpUrl& url, Ht
     connection.setConnectionParameters(*params);
   }
   c.followLocation = connection.getConnectionParameters().followLocation;
-  HttpConnection::State& state = detail::HttpConnectionAccess::StateOf(connection);
-  state.hooks = &hooks;
-  const bool ok = connection.getHttpData(url, "", expectedStatus, &InstallCall, cancel, &c);
-  state.hooks = nullptr;
+  const bool ok =
+      detail::HttpConnectionAccess::GetHttpData(connection, url, "", expectedStatus, hooks, &InstallCall, cancel, &c);
   if (saved) connection.setConnectionParameters(*saved);
 
   result.httpStatus = static_cast<int32_t>(connection.getLastHttpReturnCode());
