@@ -15,6 +15,9 @@
 #include "core/TransferError.h"
 #include "policies/ResolvedPolicies.h"
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <limits>
 #include <string>
 
@@ -40,6 +43,18 @@ size_t NullReader(char*, size_t, size_t, void*) { return 0; }
 int64_t ElapsedSince(int64_t start) {
   if (start == kTimeNeverSet) return std::numeric_limits<int64_t>::max();
   return GetTimeBaseMs() - start;
+}
+
+// An idle keep-alive socket has nothing to read: the peer answered everything we asked. A non-blocking
+// peek tells a live one (nothing yet: EAGAIN) from one the server has closed (EOF), reset (an error) or
+// written to out of turn (a byte nobody will ever claim). curl's own active-socket query does not look.
+bool IdleSocketIsLive(curl_socket_t socket) {
+  char byte;
+  ssize_t n;
+  do {
+    n = ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  } while (n < 0 && errno == EINTR);
+  return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
 }
 
 std::string ElapsedText(int64_t start) { return kxStringUtils::humanizeDuration(ElapsedSince(start), 1); }
@@ -349,8 +364,8 @@ void HttpConnection::clearConnection() {
 bool HttpConnection::isUnderlyingSockerValid() const {
   if (state_->curl == nullptr) return false;
   curl_socket_t socket = CURL_SOCKET_BAD;
-  curl_easy_getinfo(state_->curl, CURLINFO_ACTIVESOCKET, &socket);
-  return socket != CURL_SOCKET_BAD;
+  if (curl_easy_getinfo(state_->curl, CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK) return false;
+  return socket != CURL_SOCKET_BAD && IdleSocketIsLive(socket);
 }
 
 bool detail::HttpConnectionAccess::HasCurlHandle(const HttpConnection& connection) {

@@ -140,8 +140,9 @@ int InstallCall(void* curlHandle, void* userData, HttpHeaders& requestHeaders) {
       return 2;
     }
     // curl asks a server for "100 Continue" before any upload it does not know to be small, and waits
-    // a second for servers that never answer it: an empty Expect removes the header.
-    requestHeaders.replaceHeader("Expect", "");
+    // a second for servers that never answer it: an empty Expect removes the header. A caller who
+    // asked for one keeps it.
+    if (!requestHeaders.contains("expect")) requestHeaders.replaceHeader("Expect", "");
     const curl_off_t length = c.body->size();
     if (row->post) {
       result |= curl_easy_setopt(curl, CURLOPT_POST, 1L);

@@ -17,10 +17,17 @@
 #include "support/RawTcpFaultServer.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <string>
+#include <thread>
+
 #include "core/HttpConnectionAccess.h"
 
 namespace {
@@ -158,16 +165,39 @@ TEST_F(HttpConnectionPoolTest, UnusedConnectionIsNotPooled) {
   EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
 }
 
-TEST_F(HttpConnectionPoolTest, StaleIdleEntriesAreDiscardedAtLeaseTime) {
-  auto a = LeaseAndUse();
-  auto b = LeaseAndUse();
-  pool.releaseHttpConnection(a);
-  pool.releaseHttpConnection(b);
-  // Test-only: the pool owns b now, but nothing else touches it while this thread drops its socket.
-  b.first->clearConnection();
-  auto lease = pool.getHttpConnection("127.0.0.1", server.port());
-  EXPECT_EQ(lease.first, a.first) << "b was the front entry but has no socket";
+// Client sockets to 127.0.0.1:port that the server has closed and this side has not (CLOSE_WAIT).
+size_t CloseWaitSocketsTo(uint16_t port) {
+  std::ifstream table("/proc/net/tcp");
+  std::string line;
+  std::getline(table, line);  // column titles
+  size_t count = 0;
+  char remote[32];
+  unsigned state = 0;
+  while (std::getline(table, line)) {
+    if (std::sscanf(line.c_str(), "%*s %*s %31s %x", remote, &state) == 2 && state == 0x08 &&
+        std::strncmp(remote, "0100007F:", 9) == 0 && std::strtoul(remote + 9, nullptr, 16) == port)
+      ++count;
+  }
+  return count;
+}
+
+TEST_F(HttpConnectionPoolTest, IdleConnectionClosedByTheServerIsDiscardedAtLeaseTime) {
+  LoopbackHttpServer closing({.keepAliveTimeout = std::chrono::seconds(1)});
+  auto first = pool.getHttpConnection("127.0.0.1", closing.port());
+  ASSERT_TRUE(HttpHelpers::HttpGet(*first.first, HttpUrl(closing.url("/echo")), nullptr, nullptr, nullptr, nullptr));
+  pool.releaseHttpConnection(first);
+  ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (CloseWaitSocketsTo(closing.port()) == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(CloseWaitSocketsTo(closing.port()), 1u) << "the server did not close the idle connection";
+
+  auto lease = pool.getHttpConnection("127.0.0.1", closing.port());
+  EXPECT_EQ(CloseWaitSocketsTo(closing.port()), 0u) << "the dead connection was not closed";
+  EXPECT_FALSE(Access::HasCurlHandle(*lease.first)) << "the dead connection was handed out";
   EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+  ASSERT_TRUE(HttpHelpers::HttpGet(*lease.first, HttpUrl(closing.url("/echo")), nullptr, nullptr, nullptr, nullptr));
+  EXPECT_EQ(closing.acceptedConnections(), 2u);
   pool.releaseHttpConnection(lease);
 }
 

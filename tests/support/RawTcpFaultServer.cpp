@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <list>
 #include <mutex>
@@ -43,6 +45,40 @@ void SendAll(int fd, const std::string& bytes) {
     if (n <= 0) return;
     done += static_cast<size_t>(n);
   }
+}
+
+// Whether `bytes` hold the whole body the request head announces, by its Content-Length or, for a
+// chunked body, up to its empty last chunk (no trailers). When complete, `body` gets the body's data
+// (without the chunk framing).
+bool BodyComplete(const std::string& head, const std::string& bytes, std::string& body) {
+  auto headerValue = [&head](const char* name) -> const char* {
+    for (size_t at = head.find("\r\n"); at != std::string::npos; at = head.find("\r\n", at + 2)) {
+      const char* line = head.c_str() + at + 2;
+      const size_t length = std::strlen(name);
+      if (::strncasecmp(line, name, length) == 0 && line[length] == ':') return line + length + 1;
+    }
+    return nullptr;
+  };
+  const char* encoding = headerValue("Transfer-Encoding");
+  if (encoding == nullptr || std::strstr(encoding, "chunked") == nullptr) {
+    const char* length = headerValue("Content-Length");
+    const size_t size = length != nullptr ? std::strtoull(length, nullptr, 10) : 0;
+    if (bytes.size() < size) return false;
+    body = bytes.substr(0, size);
+    return true;
+  }
+  std::string data;
+  for (size_t at = 0;;) {
+    const size_t lineEnd = bytes.find("\r\n", at);
+    if (lineEnd == std::string::npos) return false;
+    const size_t size = std::strtoul(bytes.c_str() + at, nullptr, 16);
+    if (lineEnd + 2 + size + 2 > bytes.size()) return false;
+    if (size == 0) break;
+    data.append(bytes, lineEnd + 2, size);
+    at = lineEnd + 2 + size + 2;
+  }
+  body = std::move(data);
+  return true;
 }
 
 }  // namespace
@@ -103,6 +139,10 @@ class RawTcpFaultServer::Impl {
     std::lock_guard<std::mutex> lock(mutex_);
     return heads_;
   }
+  std::vector<std::string> bodies() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return bodies_;
+  }
   bool waitForHeads(size_t count, std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(mutex_);
     return cv_.wait_for(lock, timeout, [&] { return headsDone_ >= count; });
@@ -132,6 +172,7 @@ class RawTcpFaultServer::Impl {
         canned = canned_;
         slot = heads_.size();
         heads_.emplace_back();
+        bodies_.emplace_back();
       }
       for (auto it = workers_.begin(); it != workers_.end();) {
         if (it->done->load(std::memory_order_acquire)) {
@@ -151,13 +192,15 @@ class RawTcpFaultServer::Impl {
   }
 
   void serve(int fd, Mode mode, const std::string& canned, size_t slot) {
-    bool stopping = !readHead(fd, slot);
+    std::string rest;
+    bool stopping = !readHead(fd, slot, rest);
     if (!stopping) {
       switch (mode) {
         case Mode::kRefuse:  // never accepted
         case Mode::kAcceptAndClose:
           break;
-        case Mode::kResetAfterRequest: {
+        case Mode::kResetAfterPartialResponse: {
+          SendAll(fd, canned);
           linger reset{1, 0};
           ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
           break;
@@ -172,13 +215,18 @@ class RawTcpFaultServer::Impl {
         case Mode::kStall:
           holdUntilClosed(fd);
           break;
+        case Mode::kAnswerAfterBody:
+          if (readBody(fd, slot, rest))
+            SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nConnection: close\r\n\r\nok\n");
+          break;
       }
     }
     ::close(fd);
   }
 
-  // Reads up to the end of the request head; false when the server is stopping.
-  bool readHead(int fd, size_t slot) {
+  // Reads up to the end of the request head and records the head; what came after it is left in
+  // `rest`. False when the server is stopping.
+  bool readHead(int fd, size_t slot, std::string& rest) {
     std::string head;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kHeadTimeoutMs);
     bool stopping = false;
@@ -193,6 +241,10 @@ class RawTcpFaultServer::Impl {
       if (n <= 0) break;
       head.append(buffer, static_cast<size_t>(n));
     }
+    if (size_t end = head.find("\r\n\r\n"); end != std::string::npos) {
+      rest = head.substr(end + 4);
+      head.resize(end + 4);
+    }
     {
       std::lock_guard<std::mutex> lock(mutex_);
       heads_[slot] = std::move(head);
@@ -200,6 +252,23 @@ class RawTcpFaultServer::Impl {
     }
     cv_.notify_all();
     return !stopping;
+  }
+
+  // Reads the rest of the body the recorded head announces, `bytes` holding its start; true once the
+  // whole body is in.
+  bool readBody(int fd, size_t slot, std::string& bytes) {
+    const std::string head = heads()[slot];
+    std::string body;
+    while (!BodyComplete(head, bytes, body)) {
+      if (WaitReadable(fd, stopFd_, kHeadTimeoutMs) <= 0) return false;
+      char buffer[65536];
+      ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+      if (n <= 0) return false;
+      bytes.append(buffer, static_cast<size_t>(n));
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    bodies_[slot] = std::move(body);
+    return true;
   }
 
   // Keeps the connection open and silent, draining whatever the client sends, until it closes or the
@@ -219,6 +288,7 @@ class RawTcpFaultServer::Impl {
   std::string canned_ = kDefaultCannedResponse;
   uint64_t accepted_ = 0;
   std::vector<std::string> heads_;
+  std::vector<std::string> bodies_;
   size_t headsDone_ = 0;
 
   int listenFd_ = -1;
@@ -240,6 +310,7 @@ void RawTcpFaultServer::setMode(Mode mode) { impl_->setMode(mode); }
 void RawTcpFaultServer::setCannedResponse(std::string bytes) { impl_->setCanned(std::move(bytes)); }
 uint64_t RawTcpFaultServer::acceptedConnections() const { return impl_->accepted(); }
 std::vector<std::string> RawTcpFaultServer::requestHeads() const { return impl_->heads(); }
+std::vector<std::string> RawTcpFaultServer::requestBodies() const { return impl_->bodies(); }
 bool RawTcpFaultServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
   return impl_->waitForHeads(count, timeout);
 }

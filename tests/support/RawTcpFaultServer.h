@@ -5,11 +5,14 @@
 //   kRefuse                       nothing listens: the port is bound, never          CURLE_COULDNT_CONNECT (7)
 //                                 listened on, so connect() is refused
 //   kAcceptAndClose               request read, then an orderly close, no byte       CURLE_GOT_NOTHING (52)
-//   kResetAfterRequest            request read, then a reset (RST)                   CURLE_RECV_ERROR (56)
+//   kResetAfterPartialResponse    request read, cannedResponse() sent, then a reset  CURLE_RECV_ERROR (56)
+//                                 (RST) in the middle of the body
 //   kPartialResponse              request read, cannedResponse() sent (a head that   CURLE_PARTIAL_FILE (18)
 //                                 promises more body than follows), then closed
 //   kStall                        request read, then silence, connection held        CURLE_OPERATION_TIMEDOUT (28)
 //   kStallAfterPartialResponse    request read, cannedResponse() sent, then silence  once the low-speed limit fires
+//   kAnswerAfterBody              request and its body (Content-Length or chunked)   CURLE_OK, status 200
+//                                 read, "200 ok" sent, closed; never a "100 Continue"
 //
 //   kx::test::RawTcpFaultServer server(kx::test::RawTcpFaultServer::Mode::kStall);
 //   curl_easy_setopt(curl, CURLOPT_URL, server.url("/").c_str());
@@ -43,10 +46,11 @@ class RawTcpFaultServer {
   enum class Mode {
     kRefuse,
     kAcceptAndClose,
-    kResetAfterRequest,
+    kResetAfterPartialResponse,
     kPartialResponse,
     kStall,
     kStallAfterPartialResponse,
+    kAnswerAfterBody,
   };
 
   // "HTTP/1.1 200 OK", a Content-Length of 1000 and the 12 bytes "partial body".
@@ -70,8 +74,10 @@ class RawTcpFaultServer {
   void setCannedResponse(std::string bytes);
 
   uint64_t acceptedConnections() const;
-  // What each connection sent before the misbehaviour, in the order of acceptance.
+  // The request head (up to its blank line) each connection sent, in the order of acceptance.
   std::vector<std::string> requestHeads() const;
+  // The request bodies read in kAnswerAfterBody (chunked ones without their framing).
+  std::vector<std::string> requestBodies() const;
   // Waits until count connections have had their request read; false on time-out.
   bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
 

@@ -73,7 +73,10 @@ class KX_EXPORT HttpConnection {
   // Destroys the curl handle; the next call creates a fresh one and a fresh socket.
   void clearConnection();
 
-  // False without a handle; otherwise whether curl still holds an open socket.
+  // False without a handle; otherwise whether curl still holds a socket that is fit for the next request:
+  // open, not closed or reset by the peer, and with nothing unread (an idle keep-alive socket that has
+  // data or an end of stream waiting was answered or closed by the server). Checked with a non-blocking
+  // peek, so a pool never hands out a connection the server has already dropped.
   bool isUnderlyingSockerValid() const;
 
   // The URL of the last call, without credentials, policies or authenticators: it serves the host:port

@@ -18,7 +18,13 @@
 // with its remaining size announced; any other device is sent chunked. A JSON call sends
 // "Content-Type: application/json", a call with a body "application/octet-stream", unless a
 // Content-Type is already among the headers (extra, common or process defaults). HttpDeleteJson with a
-// body sends it like a PUT, with the method DELETE.
+// body sends it like a PUT, with the method DELETE. Uploads go without "Expect: 100-continue" (servers
+// that never answer it would stall each upload for a second) unless the caller's headers ask for it.
+//
+// Redirects. A body that can be rewound is sent again on a 307 or 308. A 301, 302 or 303 answer to a
+// PUT, a DELETE with a body or a GET with a body is not followed: curl would repeat the method without
+// the body. The call then fails with that status (the report adds "redirect <status> not followed: the
+// request body would not be sent again"). A POST follows such answers as a GET, as browsers do.
 //
 // Logging. The JSON helpers, the body-less helpers (HttpGet, HttpHead, HttpDelete) and the device forms
 // log a failure at error level in category "http": "Http GET error ", "Http HEAD error ", "Http PUT
