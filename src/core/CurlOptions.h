@@ -17,10 +17,11 @@ namespace detail {
 struct ResolvedPolicies;
 
 // Sets on the freshly reset (or new) handle every option the parameters and policies call for that
-// differs from libcurl's default; returns the OR of the curl_easy_setopt results. `cookieEngineOn`
-// tells whether the handle's cookie engine is already on, and is updated.
+// differs from libcurl's default; returns the OR of the curl_easy_setopt results. With cookies enabled,
+// a non-null `cookieJar` (a share holding cookies) keeps the jar outside the handle, so that it outlives
+// curl_easy_reset and curl_easy_cleanup; with a null one the jar lives in the handle.
 int ApplyParameters(const HttpConnectionParameters& parameters, CURL* curl, const HttpUrl& url,
-                    HttpProxyFinder& finder, const ResolvedPolicies& policies, bool& cookieEngineOn);
+                    HttpProxyFinder& finder, const ResolvedPolicies& policies, CURLSH* cookieJar);
 
 }  // namespace detail
 }  // namespace http

@@ -91,6 +91,8 @@ HttpConnection::~HttpConnection() {
   // The handle first: curl may still point at the header list until it is gone.
   if (state_->curl != nullptr) curl_easy_cleanup(state_->curl);
   curl_slist_free_all(state_->headerList);
+  // Last: a share cannot be released while a handle still uses it.
+  if (state_->cookieJar != nullptr) curl_share_cleanup(state_->cookieJar);
 }
 
 bool HttpConnection::getHttpData(const HttpUrl& url, const std::string& expectedContentType, long expectedStatus,
@@ -296,11 +298,21 @@ bool HttpConnection::setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* 
     s.curl = curl_easy_init();
     if (s.curl == nullptr) return false;
     s.creationTime = GetTimeBaseMs();
-    s.cookieEngineOn = false;
   } else {
-    // A reset drops every option of the previous request but keeps curl's connection cache (so the
-    // keep-alive socket survives) and the cookie jar.
+    // Frees the cookie file list that the reset would leak; the jar stays in its share.
+    if (s.cookieJar != nullptr) curl_easy_setopt(s.curl, CURLOPT_COOKIEFILE, static_cast<const char*>(nullptr));
+    // A reset drops every option of the previous request but keeps curl's connection cache, so the
+    // keep-alive socket survives.
     curl_easy_reset(s.curl);
+  }
+  if (s.parameters.enableCookies && s.cookieJar == nullptr) {
+    s.cookieJar = curl_share_init();
+    if (s.cookieJar != nullptr) curl_share_setopt(s.cookieJar, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
+  } else if (!s.parameters.enableCookies && s.cookieJar != nullptr) {
+    // No cookies for this call: the jar is dropped, as switching the engine off drops it.
+    curl_easy_setopt(s.curl, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
+    curl_share_cleanup(s.cookieJar);
+    s.cookieJar = nullptr;
   }
 
   // After a reset every option is at libcurl's default, so only the values that differ from it are set:
@@ -344,7 +356,7 @@ bool HttpConnection::setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* 
     result |= curl_easy_setopt(curl, CURLOPT_DEBUGDATA, static_cast<void*>(&s));
   }
   result |= curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, s.errorBuffer);
-  result |= detail::ApplyParameters(s.parameters, curl, url, s.proxyFinder, policies, s.cookieEngineOn);
+  result |= detail::ApplyParameters(s.parameters, curl, url, s.proxyFinder, policies, s.cookieJar);
 
   if (result != 0) {
     curl_easy_cleanup(s.curl);

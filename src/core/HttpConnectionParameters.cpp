@@ -124,14 +124,12 @@ bool HttpConnectionParameters::operator==(const HttpConnectionParameters& other)
 }
 
 int HttpConnectionParameters::applyParameters(void* curl, const HttpUrl& url, HttpProxyFinder& finder) const {
-  // A handle set up from outside a connection: its cookie engine state is unknown, so it is set.
-  bool cookieEngineOn = false;
   return detail::ApplyParameters(*this, static_cast<CURL*>(curl), url, finder,
-                                 detail::ResolvedPolicies::Of(url.getPolicies()), cookieEngineOn);
+                                 detail::ResolvedPolicies::Of(url.getPolicies()), nullptr);
 }
 
 int detail::ApplyParameters(const HttpConnectionParameters& p, CURL* curl, const HttpUrl& url,
-                            HttpProxyFinder& finder, const ResolvedPolicies& policies, bool& cookieEngineOn) {
+                            HttpProxyFinder& finder, const ResolvedPolicies& policies, CURLSH* cookieJar) {
   // Every option is compared with libcurl's default (what curl_easy_reset leaves) and set only when it
   // differs: about a third of the options a request could set, and each set costs a call.
   int result = 0;
@@ -157,15 +155,10 @@ int detail::ApplyParameters(const HttpConnectionParameters& p, CURL* curl, const
   if (p.maxRecvSpeed > 0) result |= SetOffset(curl, CURLOPT_MAX_RECV_SPEED_LARGE, p.maxRecvSpeed);
   if (p.maxSendSpeed > 0) result |= SetOffset(curl, CURLOPT_MAX_SEND_SPEED_LARGE, p.maxSendSpeed);
 
-  // The in-memory cookie engine lives in the handle and survives curl_easy_reset, so it is switched on
-  // once ("" reads no file) and kept: cookies received on one call go out on the next. Switching it off
-  // drops the jar.
-  if (p.enableCookies && !cookieEngineOn) {
+  // The in-memory cookie engine: "" reads no file. Without cookies nothing is set (curl's default).
+  if (p.enableCookies) {
+    if (cookieJar != nullptr) result |= curl_easy_setopt(curl, CURLOPT_SHARE, cookieJar);
     result |= SetText(curl, CURLOPT_COOKIEFILE, "");
-    cookieEngineOn = true;
-  } else if (!p.enableCookies && cookieEngineOn) {
-    result |= SetText(curl, CURLOPT_COOKIEFILE, nullptr);
-    cookieEngineOn = false;
   }
 
   // The low-speed rule is the only time limit of a transfer once connected: a fixed overall time-out

@@ -51,9 +51,12 @@ struct HttpConnection::State {
   // The hooks and cancel object of the call in flight (null outside a call).
   const detail::TransferHooks* hooks = nullptr;
   const kxCancelInterfaceReadOnly* cancel = nullptr;
-  // Whether this handle's in-memory cookie engine is on. It lives in the handle, not in its options, so
-  // it survives curl_easy_reset: it is switched on once, and off only when a call asks for no cookies.
-  bool cookieEngineOn = false;
+  // The connection's cookie jar, kept in a share outside the handle (created when a call first enables
+  // cookies, destroyed when one disables them). curl_easy_reset of libcurl 7.88 forgets the cookie file
+  // list of CURLOPT_COOKIEFILE without freeing it, and freeing it first (COOKIEFILE null) throws away a
+  // jar that lives in the handle; a jar in a share survives both, and also a new handle after a
+  // transfer error.
+  CURLSH* cookieJar = nullptr;
 };
 
 namespace detail {

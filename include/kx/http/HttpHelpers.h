@@ -87,8 +87,9 @@ class KX_EXPORT HttpHelpers {
   using ProgressCallback = bool (*)(void* argument);
 
   // The engine of every helper: clears `result`, installs `params` on the connection for this call only,
-  // runs getHttpData (no content-type check) with a header callback that installs the method, body,
-  // response writer and header sink, and stores the status and received length in `result`.
+  // runs getHttpData (no content-type check) with the call's body, response writer and header sink
+  // installed on the handle and a header callback that adds the caller's headers and sets the method,
+  // and stores the status and received length in `result`.
   // `context` is the helper's call context (internal; null is refused with false and nothing else).
   static bool GenericCall(HttpConnection& connection, const HttpUrl& url, HttpResult& result,
                           const HttpConnectionParameters* params, const HttpHeaders* headers, void* context,
