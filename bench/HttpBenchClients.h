@@ -3,8 +3,9 @@
 //
 // Corvix: written as a user writes it, a lease from the pool and one HttpHelpers::HttpGet per request.
 // Raw libcurl: the best a user can write by hand, one easy handle per thread with every option set once
-// and only curl_easy_perform per request. Both send the same request (Accept-Encoding with every
-// encoding curl supports, "Connection: Keep-Alive") and reuse one keep-alive connection.
+// and only curl_easy_perform per request. Both send the same request (the same User-Agent,
+// Accept-Encoding with every encoding curl supports, "Connection: Keep-Alive") and reuse one keep-alive
+// connection.
 #pragma once
 
 #include <kx/http/HttpConnection.h>
@@ -19,6 +20,9 @@
 #include <string>
 
 namespace bench {
+
+// Given to initializeCorvix, which sends it with every request; the raw client sends it too.
+inline constexpr const char* kUserAgent = "corvix-bench";
 
 // One GET through the pool. `body` null: the body is discarded (only its length is counted).
 inline bool CorvixGet(kx::http::HttpConnectionPool& pool, const kx::http::HttpUrl& url, std::string* body,
@@ -44,6 +48,7 @@ class RawCurlGet {
     headers_ = curl_slist_append(nullptr, "Connection: Keep-Alive");
     curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl_, CURLOPT_USERAGENT, kUserAgent);
     curl_easy_setopt(curl_, CURLOPT_ACCEPT_ENCODING, "");
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, mode == Body::kDiscard ? &Count : &Append);

@@ -173,7 +173,7 @@ bool BodiesMatch() {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  kx::initializeCorvix("corvix-bench");
+  kx::initializeCorvix(bench::kUserAgent);
   int rc = 0;
   {
     bench::LoopbackNginx nginx({{PathOf(kSmall).substr(1), kSmall},

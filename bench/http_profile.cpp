@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
   const int requests = std::atoi(argv[3]);
   const int64_t bytes = argc > 4 ? std::atoll(argv[4]) : 1024;
 
-  kx::initializeCorvix("corvix-profile");
+  kx::initializeCorvix(bench::kUserAgent);
   int rc = 0;
   {
     const std::string path = "/" + std::to_string(bytes);
