@@ -2,7 +2,12 @@
 // loop (one easy handle per thread, options set once, only curl_easy_perform per request), and
 // cpp-httplib's own client, same server, same run.
 //
-//   ./build.sh bench            (or build-bench/bench/http_bench --benchmark_repetitions=5)
+//   ./build.sh bench
+//   build-bench/bench/http_bench --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
+//       --benchmark_out=http.json --benchmark_out_format=json && bench/http_ratios.py http.json
+//
+// On a shared machine, interleaving the repetitions spreads the busy spells over both sides; the
+// instruction counts of bench/profile_http.sh are steadier still.
 //
 // Cases:
 // - Get/<bytes>: keep-alive GET of 1 KiB and 256 KiB, body into a text (the string is kept from one

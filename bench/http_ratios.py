@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Corvix/raw ratios of the medians of one http_bench run.
 
-    build-bench/bench/http_bench --benchmark_repetitions=5 \
+    build-bench/bench/http_bench --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
         --benchmark_out=http.json --benchmark_out_format=json
     bench/http_ratios.py http.json
 
