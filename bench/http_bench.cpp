@@ -3,8 +3,9 @@
 // cpp-httplib's own client, same server, same run.
 //
 //   ./build.sh bench
-//   build-bench/bench/http_bench --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
-//       --benchmark_out=http.json --benchmark_out_format=json && bench/http_ratios.py http.json
+//   build-bench/bench/http_bench --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true
+//       --benchmark_out=http.json --benchmark_out_format=json      (one command line)
+//   bench/http_ratios.py http.json
 //
 // On a shared machine, interleaving the repetitions spreads the busy spells over both sides; the
 // instruction counts of bench/profile_http.sh are steadier still.
