@@ -4,9 +4,10 @@
 //   http_profile <corvix|raw> <text|discard> <requests> [bytes]
 //
 // The same two clients as http_bench (HttpBenchClients.h) against the same nginx set-up. A few warm-up
-// requests open the connection and fill the caches first; only the calls made inside ProfiledRequests
-// are meant to be counted (callgrind --toggle-collect=ProfiledRequests), so the count divided by the
-// number of requests is the client's cost of one request.
+// requests open the connection and fill the caches first; only what runs inside ProfiledRequests is
+// meant to be counted (callgrind --dump-before=ProfiledRequests --dump-after=ProfiledRequests puts it
+// in a part of its own), so that count divided by the number of requests is the client's cost of one
+// request.
 #include <kx/Corvix.h>
 
 #include "HttpBenchClients.h"
@@ -46,7 +47,7 @@ int RunRequests(const Client* client, int requests) {
 
 }  // namespace
 
-// Out of line with C linkage so that callgrind can switch collection on and off by its plain name.
+// Out of line with C linkage so that callgrind can find it by its plain name.
 extern "C" __attribute__((noinline)) int ProfiledRequests(const Client* client, int requests) {
   return RunRequests(client, requests);
 }
