@@ -119,19 +119,4 @@ TEST(HttpHeadersTest, EmptyVisitorIsNeverCalled) {
   EXPECT_FALSE(view.iterateOverHeaders(std::function<bool(const std::string&, const Values&)>()));
 }
 
-TEST(HttpHeadersTest, SplitLinesFeedTheCollection) {
-  // What the response-header sink does with each raw line of a redirect chain.
-  HttpHeaders headers;
-  for (const char* line : {"HTTP/1.1 302 Found\r\n", "Vary: Accept\r\n", "\r\n", "HTTP/1.1 200 OK\r\n",
-                           "vary: Origin, Accept-Encoding\r\n", "\r\n"}) {
-    std::string name;
-    Values values;
-    if (HttpHeaders::SplitHttpHeader(line, std::char_traits<char>::length(line), name, values))
-      headers.addHeaderValues(name, values);
-  }
-  EXPECT_EQ(Dump(headers), (Entries{{"http/1.1 200 ok", {}},
-                                    {"http/1.1 302 found", {}},
-                                    {"vary", {"Accept", "Origin", "Accept-Encoding"}}}));
-}
-
 }  // namespace

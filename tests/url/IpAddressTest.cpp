@@ -2,6 +2,7 @@
 
 #include "support/LogCapture.h"
 #include "url/Ipv6Text.h"
+#include "url/ResolveHostNameText.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -12,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kx {
@@ -96,6 +98,7 @@ TEST(IpAddressTest, PortsAndScopesDoNotTakePartInComparison) {
   EXPECT_EQ(a, IpAddress("2001:db8::1", IpAddress::IPv6));
   EXPECT_EQ(a.getAddressAsString(true), "2001:db8::1:443");
   EXPECT_EQ(a.getIPv6Sockaddr()->sin6_scope_id, 3u);
+  EXPECT_EQ(a.getSockaddrLen(), sizeof(sockaddr_in6));
 
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
@@ -105,7 +108,9 @@ TEST(IpAddressTest, PortsAndScopesDoNotTakePartInComparison) {
   c.fromIP(reinterpret_cast<const sockaddr*>(&v4));
   EXPECT_EQ(c.getAddressAsString(true), "1.2.3.4:80");
   EXPECT_EQ(c, IpAddress("1.2.3.4", IpAddress::IPv4));
+  EXPECT_EQ(c.getSockaddrLen(), sizeof(sockaddr_in));
   EXPECT_EQ(IpAddress().getAddressAsString(true), "");
+  EXPECT_EQ(IpAddress().getSockaddrLen(), 0u);
 
   // A structure of one family under the tag of the other is refused.
   sockaddr_un local{};
@@ -174,6 +179,19 @@ TEST(ResolveHostNameTest, LocalhostResolvesToLoopback) {
     EXPECT_TRUE(address == IpAddress("127.0.0.1", IpAddress::IPv4) || address == IpAddress("::1", IpAddress::IPv6))
         << address.getAddressAsString(false);
     EXPECT_EQ(address.getAddressAsString(true), address.getAddressAsString(false) + ":80");
+  }
+}
+
+// The names are what a log reader searches for; codes without a name are logged by number alone.
+TEST(ResolveHostNameTest, FailureTextsNameTheCode) {
+  using url::detail::GetAddrInfoFailureText;
+  EXPECT_EQ(GetAddrInfoFailureText(EAI_NONAME), "getaddrinfo return -2 (EAI_NONAME)");
+  EXPECT_EQ(GetAddrInfoFailureText(12345), "getaddrinfo return 12345");
+  for (const auto& [code, name] : {std::pair{EAI_BADFLAGS, "EAI_BADFLAGS"}, {EAI_AGAIN, "EAI_AGAIN"},
+                                   {EAI_FAIL, "EAI_FAIL"}, {EAI_FAMILY, "EAI_FAMILY"},
+                                   {EAI_SOCKTYPE, "EAI_SOCKTYPE"}, {EAI_SERVICE, "EAI_SERVICE"},
+                                   {EAI_MEMORY, "EAI_MEMORY"}}) {
+    EXPECT_NE(GetAddrInfoFailureText(code).find(std::string(" (") + name + ")"), std::string::npos);
   }
 }
 

@@ -38,6 +38,7 @@ const CodecCase kDecodeCases[] = {
     {"PlusKeptLowerHexRead", "a+b \xC3\xA9J", "a+b%20%c3%a9%4a"},
     {"BrokenEscapesKept", "%4%G1%A%", "%4%G1%%41%"},
     {"FourByteUtf8", "\xF0\x9F\x98\x80", "%F0%9F%98%80"},
+    {"LongRunsBetweenEscapes", "Abcdefghijklmnopq rstuvwxyz0123456789B", "%41bcdefghijklmnopq%20rstuvwxyz0123456789%42"},
     {"Empty", "", ""},
     {"CarriageReturnFails", "", "%0D"},
     {"TruncatedUtf8Fails", "", "%C3"},
@@ -127,8 +128,12 @@ TEST(UrlEncodingTest, BasicCredentials) {
   std::string token;
   Url::BasicEncodeCredentials("Aladdin", "open sesame", token);
   EXPECT_EQ(token, "QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
-  Url("http://user:p%3Ass@h/").getCredentialsBasicEncoded(token);
+  const Url url("http://user:p%3Ass@h/");
+  url.getCredentialsBasicEncoded(token);
   EXPECT_EQ(token, "dXNlcjpwOnNz");  // "user:p:ss"
+  std::string user, password;
+  url.getCredentials(user, password);
+  EXPECT_EQ(user + "|" + password, "user|p:ss");
   Url("http://user:@h/").getCredentialsBasicEncoded(token);
   EXPECT_EQ(token, "");
 }

@@ -120,15 +120,6 @@ TEST(UrlModelTest, ValidityNeedsSchemeAndHostOnly) {
   EXPECT_TRUE(url.isValid());
 }
 
-TEST(UrlModelTest, CredentialsNeedBothParts) {
-  Url url("http://user:@host/");
-  EXPECT_FALSE(url.hasCredentials());
-  url.setCredentials("u", "p");
-  EXPECT_TRUE(url.hasCredentials());
-  url.setCredentials("", "p");
-  EXPECT_FALSE(url.hasCredentials());
-}
-
 TEST(UrlModelTest, EqualityIsByteForByteAndIgnoresFlagAndAddress) {
   EXPECT_NE(Url("http://Host/"), Url("http://host/"));
   Url a, b;

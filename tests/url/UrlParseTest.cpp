@@ -1,5 +1,7 @@
 #include <kx/Url.h>
 
+#include "url/UrlParseError.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -124,6 +126,15 @@ TEST(UrlRoundTripTest, ReparsedEncodedFormIsEqual) {
     ASSERT_TRUE(second.fromEncodedUtf8String(encoded, nullptr, c.normalize)) << encoded;
     EXPECT_EQ(Describe(second), Describe(first)) << encoded;
   }
+}
+
+// The texts no input can provoke (uriparser allocation and normalisation failures): pinned here only.
+TEST(UrlParseErrorTest, TextsOfUnreachableFailures) {
+  using url::detail::FormatUrlParseError;
+  using url::detail::UrlParseError;
+  EXPECT_EQ(FormatUrlParseError(UrlParseError::kUriFailure, 3), "fail to parse uri UriParser error 3");
+  EXPECT_EQ(FormatUrlParseError(UrlParseError::kNormalize, 3), "fail to normalize uri UriParser error 3");
+  EXPECT_EQ(FormatUrlParseError(UrlParseError::kQuerySplit, 3), "fail to split query parameters UriParser error 3");
 }
 
 TEST(UrlRoundTripTest, KnownLossesAreExactlyThese) {
