@@ -27,15 +27,11 @@ struct AddressCase {
 
 const AddressCase kAddressCases[] = {
     {"Ipv4AnyFamily", "10.0.0.1", IpAddress::Invalid, IpAddress::IPv4, "10.0.0.1"},
-    {"Ipv4AsIpv4", "255.255.255.255", IpAddress::IPv4, IpAddress::IPv4, "255.255.255.255"},
     {"Ipv4AsIpv6Refused", "1.2.3.4", IpAddress::IPv6, IpAddress::Invalid, ""},
     {"Ipv6AsIpv4Refused", "::1", IpAddress::IPv4, IpAddress::Invalid, ""},
     {"Ipv6Compressed", "2001:DB8:0:0:0:0:0:1", IpAddress::IPv6, IpAddress::IPv6, "2001:db8::1"},
     {"Ipv6Mapped", "::ffff:10.0.0.1", IpAddress::Invalid, IpAddress::IPv6, "::ffff:10.0.0.1"},
     {"BracketsRefused", "[::1]", IpAddress::Invalid, IpAddress::Invalid, ""},
-    {"PortSuffixRefused", "10.0.0.1:80", IpAddress::Invalid, IpAddress::Invalid, ""},
-    {"LeadingZeroRefused", "01.2.3.4", IpAddress::Invalid, IpAddress::Invalid, ""},
-    {"ShortFormRefused", "1.2.3", IpAddress::Invalid, IpAddress::Invalid, ""},
     {"NameRefused", "localhost", IpAddress::Invalid, IpAddress::Invalid, ""},
     {"EmptyRefused", "", IpAddress::Invalid, IpAddress::Invalid, ""},
 };
@@ -64,14 +60,12 @@ const CompareCase kCompareCases[] = {
     {"SameIpv4", "10.0.0.1", "10.0.0.1", true},
     {"OtherIpv4", "10.0.0.1", "10.0.0.2", false},
     {"SameIpv6Spelling", "2001:db8::1", "2001:DB8:0::1", true},
-    {"OtherIpv6", "::1", "::2", false},
     {"MappedEqualsIpv4", "::ffff:10.0.0.1", "10.0.0.1", true},
     {"MappedOtherIpv4", "::ffff:10.0.0.2", "10.0.0.1", false},
     {"CompatibleIsNotMapped", "::10.0.0.1", "10.0.0.1", false},
     {"WrongMarkerIsNotMapped", "::fffe:10.0.0.1", "10.0.0.1", false},
     {"BothInvalid", "x", "y", true},
     {"InvalidAgainstIpv4", "x", "0.0.0.0", false},
-    {"InvalidAgainstIpv6", "x", "::", false},
 };
 
 class IpAddressCompareTest : public testing::TestWithParam<CompareCase> {};

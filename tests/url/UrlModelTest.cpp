@@ -110,16 +110,6 @@ TEST(UrlModelTest, SetHostRefusesEmbeddedNul) {
   EXPECT_EQ(url.getIpAddress(), IpAddress("10.1.1.1", IpAddress::IPv4));
 }
 
-TEST(UrlModelTest, ValidityNeedsSchemeAndHostOnly) {
-  EXPECT_FALSE(Url("//host/p").isValid());
-  EXPECT_TRUE(Url("foo://host").isValid());
-  Url url;
-  url.setScheme("x");
-  EXPECT_FALSE(url.isValid());
-  url.setHost("y");
-  EXPECT_TRUE(url.isValid());
-}
-
 TEST(UrlModelTest, EqualityIsByteForByteAndIgnoresFlagAndAddress) {
   EXPECT_NE(Url("http://Host/"), Url("http://host/"));
   Url a, b;

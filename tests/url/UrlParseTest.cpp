@@ -142,6 +142,7 @@ TEST(UrlRoundTripTest, KnownLossesAreExactlyThese) {
   EXPECT_EQ(Url("http://user:@host/a").toEncodedUrl(true), "http://host/a");
   EXPECT_EQ(Url("http://host/?flag").toEncodedUrl(true), "http://host?flag=");
   EXPECT_EQ(Url("http://[0::1]/?#").toEncodedUrl(true), "http://[::1]");
+  EXPECT_EQ(Url("//host/p").toEncodedUrl(true), "");  // a host without a scheme is not a valid URL
 }
 
 }  // namespace
