@@ -72,11 +72,14 @@ uint64_t MatchingBytes(uint64_t word, char wanted) {
 
 // Unescapes `text` in place exactly as uriUnescapeInPlaceExA(plusToSpace, URI_BR_DONT_TOUCH) does: "%"
 // and two hex digits become that byte, any other "%" stays as it is, "+" becomes a space when asked,
-// every other byte is kept. Unlike uriparser it does not stop at a NUL, and it reports whether every
-// byte an escape produced is printable ASCII: the parser's raw text is printable ASCII already, so then
-// the decoded text is too and needs no second scan. A loop of our own because uriparser's, through a C
-// string and a switch per byte, was a tenth of the parse.
-bool UnescapeInPlace(std::string& text, bool plusToSpace) {
+// every other byte is kept. Unlike uriparser it does not stop at a NUL, and it reports which kinds of
+// byte the escapes produced: the parser's raw text is printable ASCII already, so without a control or
+// high byte from an escape the decoded text needs no second scan, and with high bytes alone only the
+// UTF-8 check. A loop of our own because uriparser's, through a C string and a switch per byte, was a
+// tenth of the parse.
+enum Produced : unsigned { kOnlyPrintable = 0, kControl = 1, kHigh = 2 };
+
+unsigned UnescapeInPlace(std::string& text, bool plusToSpace) {
   char* const data = text.data();
   const size_t size = text.size();
   // Nothing moves before the first byte unescaping can change.
@@ -87,9 +90,9 @@ bool UnescapeInPlace(std::string& text, bool plusToSpace) {
     const void* percent = std::memchr(data, '%', size);
     read = percent != nullptr ? static_cast<size_t>(static_cast<const char*>(percent) - data) : size;
   }
-  if (read == size) return true;
+  if (read == size) return kOnlyPrintable;
   size_t write = read;
-  bool printable = true;
+  unsigned produced = kOnlyPrintable;
   while (read < size) {
     // Eight bytes at a time up to the next byte that changes: most of a query is plain text.
     if (size - read >= 8) {
@@ -113,7 +116,7 @@ bool UnescapeInPlace(std::string& text, bool plusToSpace) {
       const int low = HexValue(data[read + 2]);
       if ((high | low) >= 0) {
         const int byte = high * 16 + low;
-        printable &= byte >= 0x20 && byte < 0x7F;
+        produced |= byte >= 0x80 ? kHigh : (byte < 0x20 || byte == 0x7F) ? kControl : kOnlyPrintable;
         data[write++] = static_cast<char>(byte);
         read += 3;
         continue;
@@ -125,7 +128,7 @@ bool UnescapeInPlace(std::string& text, bool plusToSpace) {
   // Zero the bytes the shorter result leaves behind, then drop them.
   std::memset(data + write, 0, size - write);
   text.resize(write);
-  return printable;
+  return produced;
 }
 
 // A decoded NUL can only come from "%00" (the parser refuses raw control characters first). It is refused
@@ -155,8 +158,21 @@ bool DecodeInPlace(std::string& text) {
   return true;
 }
 
+namespace {
+
+// The check of a decoded parser component, from what its escapes produced: a control byte fails either
+// way (as invalid UTF-8 or as a control character), high bytes alone need only the UTF-8 check.
+ComponentCheck CheckDecoded(const std::string& text, unsigned produced) {
+  if (produced == kOnlyPrintable) return ComponentCheck::kOk;
+  if ((produced & kControl) != 0) return CheckComponent(text);
+  return utf8::find_invalid(text.begin(), text.end()) == text.end() ? ComponentCheck::kOk
+                                                                    : ComponentCheck::kInvalidUtf8;
+}
+
+}  // namespace
+
 bool DecodeParsedInPlace(std::string& text) {
-  if (!UnescapeInPlace(text, false) && CheckComponent(text) != ComponentCheck::kOk) {
+  if (CheckDecoded(text, UnescapeInPlace(text, false)) != ComponentCheck::kOk) {
     kxStringUtils::SecureClear(text);
     return false;
   }
@@ -185,10 +201,12 @@ ComponentCheck DissectQuery(std::string_view query, std::list<std::pair<std::str
         key.assign(item.substr(0, equals));
         value.assign(item.substr(equals + 1));
       }
-      const bool keyPrintable = UnescapeInPlace(key, true);
-      const bool valuePrintable = UnescapeInPlace(value, true);
-      ComponentCheck check = keyPrintable ? ComponentCheck::kOk : CheckQueryText(key);
-      if (check == ComponentCheck::kOk && !valuePrintable) check = CheckQueryText(value);
+      const unsigned keyProduced = UnescapeInPlace(key, true);
+      const unsigned valueProduced = UnescapeInPlace(value, true);
+      ComponentCheck check = (keyProduced & kControl) != 0 ? CheckQueryText(key) : CheckDecoded(key, keyProduced);
+      if (check == ComponentCheck::kOk) {
+        check = (valueProduced & kControl) != 0 ? CheckQueryText(value) : CheckDecoded(value, valueProduced);
+      }
       if (check != ComponentCheck::kOk) return check;
     }
     start = end + 1;
