@@ -12,8 +12,9 @@
 //
 // Thread-safety: thread-compatible (const calls may overlap; callers synchronise mutation).
 // ResolveHostName is thread-safe.
-// Ownership: a value type that owns a heap copy of its socket address; copies are deep. Pointers returned
-// by the get...Sockaddr() accessors stay valid until the object is modified or destroyed.
+// Ownership: a value type that holds its socket address inline (no allocation); copies are deep. Pointers
+// returned by the get...Sockaddr() accessors point into the object and stay valid until it is modified,
+// moved from or destroyed.
 #pragma once
 
 #include <kx/system/kxExport.h>
@@ -45,7 +46,7 @@ class KX_EXPORT IpAddress {
   IpAddress& operator=(IpAddress&& other) noexcept;
   ~IpAddress();
 
-  // Frees the socket address; the type becomes Invalid.
+  // Forgets the socket address (zeroed); the type becomes Invalid.
   void clear();
 
   // Each clears first, then copies the structure when it is non-null and of the expected family
@@ -55,8 +56,8 @@ class KX_EXPORT IpAddress {
   void fromIPv6(const sockaddr_in6* address);
 
   // Reads a numeric address with inet_pton; the port is 0. With `type` Invalid, IPv4 is tried first and
-  // IPv6 only when that fails. Text in brackets ("[::1]") or with a port suffix is refused. On failure the
-  // address is Invalid.
+  // IPv6 only when that fails. Text in brackets ("[::1]"), with a port suffix or holding a NUL byte is
+  // refused. On failure the address is Invalid.
   void fromStringAddress(const std::string& text, Type type);
 
   bool isValid() const { return type_ != Invalid; }
@@ -80,9 +81,14 @@ class KX_EXPORT IpAddress {
   std::string getAddressAsString(bool withPort) const;
 
  private:
+  // The structure of type_'s family; all zero while Invalid. Inline because a URL recognises the address
+  // of every numeric host it parses, and one allocation each would cost more than the recognition.
+  union Storage {
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+  };
   Type type_ = Invalid;
-  // Exactly sizeof(sockaddr_in) or sizeof(sockaddr_in6) bytes, zero-initialised before use.
-  std::unique_ptr<unsigned char[]> address_;
+  Storage address_{};
 };
 
 // Resolves `hostName` with getaddrinfo (any family, TCP stream sockets) into `addresses` (replaced), in the

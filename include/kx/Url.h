@@ -55,7 +55,8 @@ class KX_EXPORT Url {
   // An empty (invalid) URL.
   Url();
   // Parses `encodedUrl` without normalisation; a failure is only logged and leaves an empty URL.
-  explicit Url(const std::string& encodedUrl);
+  // Deliberately implicit: `kx::Url url = text;` reads as the assignment of a URL text.
+  Url(const std::string& encodedUrl);  // NOLINT(google-explicit-constructor)
   Url(const Url& other);
   Url(Url&& other) noexcept;
   // Both wipe this URL's secrets before taking the other's values.
@@ -101,7 +102,9 @@ class KX_EXPORT Url {
   const std::string& getHost() const { return host_; }
   // Reads `host` as a numeric address of either family into the cached IP address. An IPv6 address is
   // stored as "[" + its canonical text + "]"; anything else (names, IPv4) is stored exactly as given.
-  // Brackets in the argument are not understood: pass IPv6 literals bare.
+  // Brackets in the argument are not understood: pass IPv6 literals bare. A `host` holding a NUL byte
+  // is refused and the URL left unchanged: the address would be read from the text before the NUL
+  // while the whole text became the host.
   void setHost(const std::string& host);
   // The host as a numeric address, or Invalid when the host is a name.
   const IpAddress& getIpAddress() const { return ipAddress_; }
@@ -187,8 +190,14 @@ class KX_EXPORT Url {
   bool hasFragment_ = false;
 
  private:
+  // Containers of the previous value whose memory a new parse reuses.
+  struct Recycled {
+    QueryParameters query;
+    PathSegments path;
+  };
   // Fills the components from `encodedUrl`; on failure returns false with the reason in `errorText`.
-  bool parseEncoded(const std::string& encodedUrl, bool normalize, std::string& errorText);
+  bool parseEncoded(const std::string& encodedUrl, bool normalize, std::string& errorText,
+                    Recycled& recycled);
   // setHost's second half: reads host_ as a numeric address of either family into ipAddress_ and, for
   // IPv6, rewrites host_ as "[" + canonical text + "]".
   void recognizeHost();

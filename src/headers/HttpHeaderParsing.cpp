@@ -130,6 +130,10 @@ bool HttpHeaders::SplitHttpHeader(const char* line, size_t length, std::string& 
   name.clear();
   ValueAppender appender(values, ValueAppender::Start::kRecycle);
   if (line == nullptr) return false;
+  // The line ends at its first NUL, as the C string of ParseMultiValueHeader does: a NUL is never part of
+  // a name or value, so nothing downstream can see "Host: a\0b" as one host and C code as another.
+  const void* nul = std::memchr(line, '\0', length);
+  if (nul != nullptr) length = static_cast<size_t>(static_cast<const char*>(nul) - line);
   const std::string_view text(line, length);
 
   const size_t colon = text.find(':');

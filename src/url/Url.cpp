@@ -3,15 +3,15 @@
 #include <kx/system/kxLog.h>
 #include <kx/system/kxStringUtils.h>
 
+#include "url/Ipv6Text.h"
 #include "url/UrlCodec.h"
 #include "url/UrlParseError.h"
 
 #include <uriparser/Uri.h>
 
-#include <clocale>
-#include <cstdlib>
+#include <arpa/inet.h>
+
 #include <cstring>
-#include <locale.h>
 #include <string_view>
 
 namespace kx {
@@ -20,7 +20,7 @@ namespace {
 using kxStringUtils::SecureClear;
 using url::detail::CheckComponent;
 using url::detail::ComponentCheck;
-using url::detail::DecodeInPlace;
+using url::detail::DecodeParsedInPlace;
 using url::detail::FormatUrlParseError;
 using url::detail::UrlParseError;
 
@@ -50,22 +50,33 @@ bool Fail(UrlParseError error, std::string& errorText, long long value = 0) {
   return false;
 }
 
-// Base 0 as strtoll reads it ("0x1F" hexadecimal, "010" octal), in the C locale whatever the process
-// locale. newlocale hands out glibc's static C locale object for "C", so this allocates nothing.
+// Reads the port as strtoll with base 0 would ("0x1F" hexadecimal, "010" octal, else decimal), without
+// its locale or a NUL-terminated copy: uriparser hands over digits only, so no sign or blank can occur,
+// and anything that is not a digit of the base fails. An empty text is port 0.
 bool ConvertPort(std::string_view text, uint16_t& port) {
-  if (text.empty()) {
-    port = 0;
-    return true;
+  unsigned base = 10;
+  size_t i = 0;
+  if (text.size() > 1 && text[0] == '0') {
+    const bool hex = text[1] == 'x' || text[1] == 'X';
+    base = hex ? 16 : 8;
+    i = hex ? 2 : 1;
+    if (i == text.size()) return false;  // "0x" alone: strtoll would stop after the "0"
   }
-  const std::string copy(text);
-  locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
-  if (cLocale == static_cast<locale_t>(nullptr)) return false;
-  char* end = nullptr;
-  const long long value = strtoll_l(copy.c_str(), &end, 0, cLocale);
-  freelocale(cLocale);
-  if (end != copy.c_str() + copy.size()) return false;
-  // Taken as unsigned, a negative value is far above the limit.
-  if (static_cast<unsigned long long>(value) > 65535ULL) return false;
+  uint32_t value = 0;
+  for (; i < text.size(); ++i) {
+    const char c = text[i];
+    unsigned digit = base;
+    if (c >= '0' && c <= '9') {
+      digit = static_cast<unsigned>(c - '0');
+    } else if (c >= 'a' && c <= 'f') {
+      digit = static_cast<unsigned>(c - 'a' + 10);
+    } else if (c >= 'A' && c <= 'F') {
+      digit = static_cast<unsigned>(c - 'A' + 10);
+    }
+    if (digit >= base) return false;
+    value = value * base + digit;
+    if (value > 65535) return false;
+  }
   port = static_cast<uint16_t>(value);
   return true;
 }
@@ -177,6 +188,7 @@ void Url::getCredentials(std::string& user, std::string& password) const {
 }
 
 void Url::setHost(const std::string& host) {
+  if (host.find('\0') != std::string::npos) return;
   if (&host != &host_) {
     SecureClear(host_);
     host_ = host;
@@ -186,13 +198,14 @@ void Url::setHost(const std::string& host) {
 
 void Url::recognizeHost() {
   ipAddress_.fromStringAddress(host_, IpAddress::Invalid);
-  if (ipAddress_.getType() != IpAddress::IPv6) return;
-  const std::string canonical = ipAddress_.getAddressAsString(false);
+  const sockaddr_in6* v6 = ipAddress_.getIPv6Sockaddr();
+  if (v6 == nullptr) return;
+  // getAddressAsString's text, written straight into a stack buffer: no string to allocate per literal.
+  char canonical[INET6_ADDRSTRLEN + 2] = "[";
+  const size_t length = url::detail::FormatIpv6(v6->sin6_addr.s6_addr, canonical + 1) + 1;
+  canonical[length] = ']';
   SecureClear(host_);
-  host_.reserve(canonical.size() + 2);
-  host_ += '[';
-  host_ += canonical;
-  host_ += ']';
+  host_.assign(canonical, length + 1);
 }
 
 void Url::setFragment(const std::string& fragment) {
@@ -229,9 +242,15 @@ bool Url::fromEncodedUtf8String(const std::string& encodedUrl, std::string* erro
     const std::string copy(encodedUrl);
     return fromEncodedUtf8String(copy, errorMessage, normalize);
   }
+  // The query pairs and path segments of the previous value are taken aside before the clearing and
+  // refilled: a URL parsed again and again (a request loop) then reuses their list nodes and string
+  // buffers instead of freeing and allocating them per pair and segment.
+  Recycled recycled;
+  recycled.query.swap(queryParameters_);
+  recycled.path.swap(pathSegments_);
   clearUrl();
   std::string errorText;
-  if (parseEncoded(encodedUrl, normalize, errorText)) return true;
+  if (parseEncoded(encodedUrl, normalize, errorText, recycled)) return true;
   if (errorMessage != nullptr) {
     *errorMessage = errorText;
   } else if (kxLog::isEnabled()) {
@@ -241,9 +260,12 @@ bool Url::fromEncodedUtf8String(const std::string& encodedUrl, std::string* erro
   return false;
 }
 
-bool Url::parseEncoded(const std::string& encodedUrl, bool normalize, std::string& errorText) {
+bool Url::parseEncoded(const std::string& encodedUrl, bool normalize, std::string& errorText,
+                       Recycled& recycled) {
   // The whole text first, so that uriparser never sees invalid UTF-8 or a control character (a NUL
-  // would end its C string early).
+  // would end its C string early). Every component is a range of this text, and uriparser refuses any
+  // byte above 0x7F, so once it has parsed, each raw component is printable ASCII: the per-component
+  // checks below could never fail and are not repeated. What can still go wrong is the decoded text.
   if (!CheckStep(encodedUrl, UrlParseError::kInvalidUtf8, errorText)) return false;
 
   UriUriA uri;
@@ -268,20 +290,17 @@ bool Url::parseEncoded(const std::string& encodedUrl, bool normalize, std::strin
   }
 
   // Scheme, as written.
-  const std::string_view scheme = RangeView(uri.scheme);
-  if (!CheckStep(scheme, UrlParseError::kInvalidUtf8, errorText)) return false;
-  scheme_.assign(scheme);
+  scheme_.assign(RangeView(uri.scheme));
 
   // User info: "user:password", both percent-encoded; the password may itself hold ":".
   const std::string_view userInfo = RangeView(uri.userInfo);
-  if (!CheckStep(userInfo, UrlParseError::kInvalidUtf8, errorText)) return false;
   if (!userInfo.empty()) {
     const size_t colon = userInfo.find(':');
     // A user name without a password is refused on purpose: credentials are all or nothing.
     if (colon == std::string_view::npos) return Fail(UrlParseError::kUserInfoColonMissing, errorText);
     user_.assign(userInfo.substr(0, colon));
     password_.assign(userInfo.substr(colon + 1));
-    if (!DecodeInPlace(user_) || !DecodeInPlace(password_)) {
+    if (!DecodeParsedInPlace(user_) || !DecodeParsedInPlace(password_)) {
       return Fail(UrlParseError::kCredentialsUtf8, errorText);
     }
   }
@@ -289,7 +308,6 @@ bool Url::parseEncoded(const std::string& encodedUrl, bool normalize, std::strin
   // Host, not percent-decoded. uriparser drops the brackets of IP literals; setHost brings IPv6 back
   // into bracketed canonical form, IPvFuture gets its brackets back here or it would name another host.
   const std::string_view host = RangeView(uri.hostText);
-  if (!CheckStep(host, UrlParseError::kInvalidUtf8, errorText)) return false;
   // The text goes straight into the (wiped) host field, then setHost's recognition runs on it.
   if (uri.hostData.ipFuture.first != nullptr) {
     host_ += '[';
@@ -305,26 +323,24 @@ bool Url::parseEncoded(const std::string& encodedUrl, bool normalize, std::strin
   }
 
   // Port.
-  const std::string_view port = RangeView(uri.portText);
-  if (!CheckStep(port, UrlParseError::kInvalidUtf8, errorText)) return false;
-  if (!ConvertPort(port, port_)) return Fail(UrlParseError::kPort, errorText);
+  if (!ConvertPort(RangeView(uri.portText), port_)) return Fail(UrlParseError::kPort, errorText);
 
   // Path: one decoded string per segment; "%2F" stays inside its segment.
+  pathSegments_.swap(recycled.path);
+  size_t segmentCount = 0;
   for (const UriPathSegmentA* segment = uri.pathHead; segment != nullptr; segment = segment->next) {
-    const std::string_view text = RangeView(segment->text);
-    if (!CheckStep(text, UrlParseError::kInvalidUtf8, errorText)) return false;
-    std::string& decoded = pathSegments_.emplace_back(text);
-    if (!DecodeInPlace(decoded)) return Fail(UrlParseError::kPathUtf8, errorText);
+    if (segmentCount == pathSegments_.size()) pathSegments_.emplace_back();
+    std::string& decoded = pathSegments_[segmentCount++];
+    decoded.assign(RangeView(segment->text));
+    if (!DecodeParsedInPlace(decoded)) return Fail(UrlParseError::kPathUtf8, errorText);
   }
+  pathSegments_.resize(segmentCount);
 
   // Query: split and unescaped ("+" becomes a space) as uriDissectQueryMallocA does, but straight into
   // the pairs: uriparser's list costs a malloc and a free per key, value and node plus a copy, nearly as
-  // much as uriparser's whole parse on query-heavy URLs. A "%00" is refused up front: uriparser's C
-  // strings would have cut the value there without a trace.
+  // much as uriparser's whole parse on query-heavy URLs. Items are checked in order, key before value.
   if (uri.query.first != nullptr) {
-    const std::string_view query = RangeView(uri.query);
-    if (query.find("%00") != std::string_view::npos) return Fail(UrlParseError::kInvalidUtf8, errorText);
-    switch (url::detail::DissectQuery(query, queryParameters_)) {
+    switch (url::detail::DissectQuery(RangeView(uri.query), queryParameters_, &recycled.query)) {
       case ComponentCheck::kOk:
         break;
       case ComponentCheck::kInvalidUtf8:
@@ -338,9 +354,8 @@ bool Url::parseEncoded(const std::string& encodedUrl, bool normalize, std::strin
   const std::string_view fragment = RangeView(uri.fragment);
   if (uri.fragment.first != nullptr && !fragment.empty()) {
     hasFragment_ = true;
-    if (!CheckStep(fragment, UrlParseError::kInvalidUtf8, errorText)) return false;
     fragment_.assign(fragment);
-    if (!DecodeInPlace(fragment_)) return Fail(UrlParseError::kFragmentUtf8, errorText);
+    if (!DecodeParsedInPlace(fragment_)) return Fail(UrlParseError::kFragmentUtf8, errorText);
   }
   return true;
 }

@@ -124,29 +124,50 @@ void Url::pushNonEncodedPath(const std::string& path) {
   for (std::string& piece : pieces) pathSegments_.push_back(std::move(piece));
 }
 
+namespace {
+
+// Everything after the user info: host, port, path, query and fragment.
+void AppendAfterUserInfo(std::string& out, const std::string& host, uint16_t port,
+                         const Url::PathSegments& segments, const Url::QueryParameters& parameters,
+                         bool hasFragment, const std::string& fragment) {
+  out += host;  // as stored: an IPv6 host already carries its brackets
+  if (port != 0) {
+    out += ':';
+    out += std::to_string(port);
+  }
+  AppendPathWithSlash(out, segments);
+  AppendEncodedParameters(out, parameters, true);
+  if (hasFragment) {
+    out += '#';
+    AppendEncoded(out, fragment);
+  }
+}
+
+}  // namespace
+
 std::string Url::toEncodedUrl(bool withCredentials) const {
   if (!isValid()) return {};
   std::string out;
-  out.reserve(scheme_.size() + host_.size() + 64);
+  if (!withCredentials || !hasCredentials()) {
+    out.reserve(scheme_.size() + host_.size() + 64);
+    out += scheme_;
+    out += "://";
+    AppendAfterUserInfo(out, host_, port_, pathSegments_, queryParameters_, hasFragment_, fragment_);
+    return out;
+  }
+  // The password must never sit in a buffer that a growing string frees unwiped: the rest is built
+  // first, then the result is reserved once at its largest size (AppendEncoded briefly needs three
+  // bytes per input byte plus one), so it is never reallocated.
+  std::string rest;
+  AppendAfterUserInfo(rest, host_, port_, pathSegments_, queryParameters_, hasFragment_, fragment_);
+  out.reserve(scheme_.size() + 3 + 3 * user_.size() + 1 + 1 + 3 * password_.size() + 1 + 1 + rest.size());
   out += scheme_;
   out += "://";
-  if (withCredentials && hasCredentials()) {
-    AppendEncoded(out, user_);
-    out += ':';
-    AppendEncoded(out, password_);
-    out += '@';
-  }
-  out += host_;  // as stored: an IPv6 host already carries its brackets
-  if (port_ != 0) {
-    out += ':';
-    out += std::to_string(port_);
-  }
-  AppendPathWithSlash(out, pathSegments_);
-  AppendEncodedParameters(out, queryParameters_, true);
-  if (hasFragment_) {
-    out += '#';
-    AppendEncoded(out, fragment_);
-  }
+  AppendEncoded(out, user_);
+  out += ':';
+  AppendEncoded(out, password_);
+  out += '@';
+  out += rest;
   return out;
 }
 

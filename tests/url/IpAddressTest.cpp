@@ -1,6 +1,7 @@
 #include <kx/IpAddress.h>
 
 #include "support/LogCapture.h"
+#include "url/Ipv6Text.h"
 #include "url/ResolveHostNameText.h"
 
 #include <arpa/inet.h>
@@ -9,24 +10,31 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
-#include <ostream>
+#include <cstdint>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kx {
 namespace {
 
 struct AddressCase {
-  std::string name;
-  std::string text;
-  IpAddress::Type requested;
-  IpAddress::Type expected;
+  std::string name, text;
+  IpAddress::Type requested, expected;
   std::string canonical;  // getAddressAsString(false)
 };
 
-void PrintTo(const AddressCase& c, std::ostream* os) { *os << c.name; }
+const AddressCase kAddressCases[] = {
+    {"Ipv4AnyFamily", "10.0.0.1", IpAddress::Invalid, IpAddress::IPv4, "10.0.0.1"},
+    {"Ipv4AsIpv6Refused", "1.2.3.4", IpAddress::IPv6, IpAddress::Invalid, ""},
+    {"Ipv6AsIpv4Refused", "::1", IpAddress::IPv4, IpAddress::Invalid, ""},
+    {"Ipv6Compressed", "2001:DB8:0:0:0:0:0:1", IpAddress::IPv6, IpAddress::IPv6, "2001:db8::1"},
+    {"Ipv6Mapped", "::ffff:10.0.0.1", IpAddress::Invalid, IpAddress::IPv6, "::ffff:10.0.0.1"},
+    {"BracketsRefused", "[::1]", IpAddress::Invalid, IpAddress::Invalid, ""},
+    {"NameRefused", "localhost", IpAddress::Invalid, IpAddress::Invalid, ""},
+    {"EmptyRefused", "", IpAddress::Invalid, IpAddress::Invalid, ""},
+};
 
 class IpAddressParseTest : public testing::TestWithParam<AddressCase> {};
 
@@ -35,119 +43,100 @@ TEST_P(IpAddressParseTest, ReadsRequestedFamilyOnly) {
   IpAddress address("10.9.8.7", IpAddress::IPv4);  // overwritten, valid or not
   address.fromStringAddress(c.text, c.requested);
   EXPECT_EQ(address.getType(), c.expected);
-  EXPECT_EQ(address.isValid(), c.expected != IpAddress::Invalid);
   EXPECT_EQ(address.getAddressAsString(false), c.canonical);
-  EXPECT_EQ(address.getSockaddrLen(), c.expected == IpAddress::IPv4   ? 16u
-                                      : c.expected == IpAddress::IPv6 ? 28u
-                                                                      : 0u);
-  EXPECT_EQ(address.getSockaddr() == nullptr, c.expected == IpAddress::Invalid);
   EXPECT_EQ(address.getIPv4Sockaddr() != nullptr, c.expected == IpAddress::IPv4);
   EXPECT_EQ(address.getIPv6Sockaddr() != nullptr, c.expected == IpAddress::IPv6);
-  if (const sockaddr* raw = address.getSockaddr()) {
-    EXPECT_EQ(raw->sa_family, c.expected == IpAddress::IPv4 ? AF_INET : AF_INET6);
-  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    IpAddress, IpAddressParseTest,
-    testing::Values(
-        AddressCase{"Ipv4AnyFamily", "10.0.0.1", IpAddress::Invalid, IpAddress::IPv4, "10.0.0.1"},
-        AddressCase{"Ipv4AsIpv4", "255.255.255.255", IpAddress::IPv4, IpAddress::IPv4, "255.255.255.255"},
-        AddressCase{"Ipv4AsIpv6Refused", "1.2.3.4", IpAddress::IPv6, IpAddress::Invalid, ""},
-        AddressCase{"Ipv6AsIpv4Refused", "::1", IpAddress::IPv4, IpAddress::Invalid, ""},
-        AddressCase{"Ipv6Loopback", "::1", IpAddress::Invalid, IpAddress::IPv6, "::1"},
-        AddressCase{"Ipv6Compressed", "2001:DB8:0:0:0:0:0:1", IpAddress::IPv6, IpAddress::IPv6, "2001:db8::1"},
-        AddressCase{"Ipv6Mapped", "::ffff:10.0.0.1", IpAddress::Invalid, IpAddress::IPv6, "::ffff:10.0.0.1"},
-        AddressCase{"BracketsRefused", "[::1]", IpAddress::Invalid, IpAddress::Invalid, ""},
-        AddressCase{"PortSuffixRefused", "10.0.0.1:80", IpAddress::Invalid, IpAddress::Invalid, ""},
-        AddressCase{"LeadingZeroRefused", "01.2.3.4", IpAddress::Invalid, IpAddress::Invalid, ""},
-        AddressCase{"ShortFormRefused", "1.2.3", IpAddress::Invalid, IpAddress::Invalid, ""},
-        AddressCase{"NameRefused", "localhost", IpAddress::Invalid, IpAddress::Invalid, ""},
-        AddressCase{"EmptyRefused", "", IpAddress::Invalid, IpAddress::Invalid, ""}),
-    [](const testing::TestParamInfo<AddressCase>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(IpAddress, IpAddressParseTest, testing::ValuesIn(kAddressCases),
+                         [](const auto& info) { return info.param.name; });
 
 struct CompareCase {
-  std::string name;
-  std::string left, right;
+  std::string name, left, right;
   bool equal;
 };
 
-void PrintTo(const CompareCase& c, std::ostream* os) { *os << c.name; }
+const CompareCase kCompareCases[] = {
+    {"SameIpv4", "10.0.0.1", "10.0.0.1", true},
+    {"OtherIpv4", "10.0.0.1", "10.0.0.2", false},
+    {"SameIpv6Spelling", "2001:db8::1", "2001:DB8:0::1", true},
+    {"MappedEqualsIpv4", "::ffff:10.0.0.1", "10.0.0.1", true},
+    {"MappedOtherIpv4", "::ffff:10.0.0.2", "10.0.0.1", false},
+    {"CompatibleIsNotMapped", "::10.0.0.1", "10.0.0.1", false},
+    {"WrongMarkerIsNotMapped", "::fffe:10.0.0.1", "10.0.0.1", false},
+    {"BothInvalid", "x", "y", true},
+    {"InvalidAgainstIpv4", "x", "0.0.0.0", false},
+};
 
 class IpAddressCompareTest : public testing::TestWithParam<CompareCase> {};
 
-TEST_P(IpAddressCompareTest, ComparesAddressesOnly) {
+TEST_P(IpAddressCompareTest, ComparesAddressesOnlyBothWays) {
   const CompareCase& c = GetParam();
   const IpAddress left(c.left, IpAddress::Invalid);
   const IpAddress right(c.right, IpAddress::Invalid);
-  EXPECT_EQ(left.compareAddresses(right), c.equal);
-  EXPECT_EQ(right.compareAddresses(left), c.equal);
   EXPECT_EQ(left == right, c.equal);
-  EXPECT_EQ(left != right, !c.equal);
+  EXPECT_EQ(right != left, !c.equal);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    IpAddress, IpAddressCompareTest,
-    testing::Values(CompareCase{"SameIpv4", "10.0.0.1", "10.0.0.1", true},
-                    CompareCase{"OtherIpv4", "10.0.0.1", "10.0.0.2", false},
-                    CompareCase{"SameIpv6Spelling", "2001:db8::1", "2001:DB8:0::1", true},
-                    CompareCase{"OtherIpv6", "::1", "::2", false},
-                    CompareCase{"MappedEqualsIpv4", "::ffff:10.0.0.1", "10.0.0.1", true},
-                    CompareCase{"MappedOtherIpv4", "::ffff:10.0.0.2", "10.0.0.1", false},
-                    CompareCase{"CompatibleIsNotMapped", "::10.0.0.1", "10.0.0.1", false},
-                    CompareCase{"WrongMarkerIsNotMapped", "::fffe:10.0.0.1", "10.0.0.1", false},
-                    CompareCase{"BothInvalid", "x", "y", true},
-                    CompareCase{"InvalidAgainstIpv4", "x", "0.0.0.0", false},
-                    CompareCase{"InvalidAgainstIpv6", "x", "::", false}),
-    [](const testing::TestParamInfo<CompareCase>& info) { return info.param.name; });
-
-sockaddr_in6 Ipv6WithPort(const char* text, uint16_t port) {
-  sockaddr_in6 raw{};
-  raw.sin6_family = AF_INET6;
-  raw.sin6_port = htons(port);
-  raw.sin6_scope_id = 3;
-  EXPECT_EQ(inet_pton(AF_INET6, text, &raw.sin6_addr), 1);
-  return raw;
-}
+INSTANTIATE_TEST_SUITE_P(IpAddress, IpAddressCompareTest, testing::ValuesIn(kCompareCases),
+                         [](const auto& info) { return info.param.name; });
 
 TEST(IpAddressTest, PortsAndScopesDoNotTakePartInComparison) {
-  IpAddress a, b;
-  const sockaddr_in6 raw = Ipv6WithPort("2001:db8::1", 443);
-  a.fromIPv6(&raw);
-  b.fromStringAddress("2001:db8::1", IpAddress::IPv6);
-  EXPECT_EQ(a, b);
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_port = htons(443);
+  v6.sin6_scope_id = 3;
+  ASSERT_EQ(inet_pton(AF_INET6, "2001:db8::1", &v6.sin6_addr), 1);
+  IpAddress a;
+  a.fromIP(reinterpret_cast<const sockaddr*>(&v6));
+  EXPECT_EQ(a, IpAddress("2001:db8::1", IpAddress::IPv6));
   EXPECT_EQ(a.getAddressAsString(true), "2001:db8::1:443");
-  EXPECT_EQ(b.getAddressAsString(true), "2001:db8::1:0");
   EXPECT_EQ(a.getIPv6Sockaddr()->sin6_scope_id, 3u);
+  EXPECT_EQ(a.getSockaddrLen(), sizeof(sockaddr_in6));
 
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
   v4.sin_port = htons(80);
   v4.sin_addr.s_addr = htonl(0x01020304);
-  IpAddress c, d("1.2.3.4", IpAddress::IPv4);
+  IpAddress c;
   c.fromIP(reinterpret_cast<const sockaddr*>(&v4));
   EXPECT_EQ(c.getAddressAsString(true), "1.2.3.4:80");
-  EXPECT_EQ(c, d);
+  EXPECT_EQ(c, IpAddress("1.2.3.4", IpAddress::IPv4));
+  EXPECT_EQ(c.getSockaddrLen(), sizeof(sockaddr_in));
   EXPECT_EQ(IpAddress().getAddressAsString(true), "");
-}
+  EXPECT_EQ(IpAddress().getSockaddrLen(), 0u);
 
-TEST(IpAddressTest, WrongFamiliesLeaveInvalid) {
-  IpAddress address("1.2.3.4", IpAddress::IPv4);
+  // A structure of one family under the tag of the other is refused.
   sockaddr_un local{};
   local.sun_family = AF_UNIX;
-  address.fromIP(reinterpret_cast<const sockaddr*>(&local));
-  EXPECT_FALSE(address.isValid());
-  address.fromIP(nullptr);
-  EXPECT_FALSE(address.isValid());
-  sockaddr_in v4{};
-  v4.sin_family = AF_INET6;  // structure of one family, tag of the other
-  address.fromIPv4(&v4);
-  EXPECT_FALSE(address.isValid());
-  const sockaddr_in6 v6 = Ipv6WithPort("::1", 1);
-  address.fromIPv4(reinterpret_cast<const sockaddr_in*>(&v6));
-  EXPECT_FALSE(address.isValid());
-  address.fromIPv6(nullptr);
-  EXPECT_FALSE(address.isValid());
+  c.fromIP(reinterpret_cast<const sockaddr*>(&local));
+  EXPECT_FALSE(c.isValid());
+  a.fromIPv4(reinterpret_cast<const sockaddr_in*>(&v6));
+  EXPECT_FALSE(a.isValid());
+  v4.sin_family = AF_INET6;
+  a.fromIPv4(&v4);
+  EXPECT_FALSE(a.isValid());
+}
+
+// The formatter must write what inet_ntop writes, byte for byte: words drawn from {0, 1, 0xffff, random}
+// give every placement of zero runs, ties between runs, and the IPv4-compatible and -mapped forms.
+TEST(IpAddressTest, Ipv6TextMatchesInetNtop) {
+  uint64_t state = 0x9E3779B97F4A7C15ULL;
+  for (int n = 0; n < 20000; ++n) {
+    unsigned char bytes[16];
+    for (int i = 0; i < 8; ++i) {
+      state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+      const unsigned pick = static_cast<unsigned>(state >> 60) % 4;
+      const unsigned word = pick == 0 ? 0 : pick == 1 ? 1 : pick == 2 ? 0xffff : static_cast<unsigned>(state >> 40);
+      bytes[2 * i] = static_cast<unsigned char>(word >> 8);
+      bytes[2 * i + 1] = static_cast<unsigned char>(word);
+    }
+    char expected[INET6_ADDRSTRLEN];
+    char ours[INET6_ADDRSTRLEN];
+    ASSERT_NE(inet_ntop(AF_INET6, bytes, expected, sizeof expected), nullptr);
+    ASSERT_EQ(url::detail::FormatIpv6(bytes, ours), std::strlen(expected));
+    ASSERT_STREQ(ours, expected);
+  }
 }
 
 TEST(IpAddressTest, CopiesAreDeep) {
@@ -156,27 +145,18 @@ TEST(IpAddressTest, CopiesAreDeep) {
   ASSERT_NE(copy.getSockaddr(), original.getSockaddr());
   original.fromStringAddress("10.0.0.1", IpAddress::IPv4);
   EXPECT_EQ(copy.getAddressAsString(false), "::1");
-  copy = copy;  // self-assignment keeps the address
-  EXPECT_EQ(copy.getAddressAsString(false), "::1");
   copy = original;
-  EXPECT_EQ(copy.getType(), IpAddress::IPv4);
   IpAddress moved(std::move(copy));
   EXPECT_EQ(moved.getAddressAsString(false), "10.0.0.1");
   EXPECT_FALSE(copy.isValid());  // NOLINT(bugprone-use-after-move): a moved-from address is Invalid
-  copy = IpAddress();
-  EXPECT_FALSE(copy.isValid());
 }
 
-TEST(ResolveHostNameTest, EmptyNameFailsWithoutResolving) {
+TEST(ResolveHostNameTest, NumericNamesGiveOneAddressWithPortAndEmptyFailsQuietly) {
   test::LogCapture capture;
   std::vector<IpAddress> addresses(2);
   EXPECT_FALSE(ResolveHostName("", 80, addresses));
   EXPECT_TRUE(addresses.empty());
   EXPECT_TRUE(capture.records().empty());
-}
-
-TEST(ResolveHostNameTest, NumericHostGivesOneAddressWithPort) {
-  std::vector<IpAddress> addresses;
   ASSERT_TRUE(ResolveHostName("127.0.0.1", 8443, addresses));
   ASSERT_EQ(addresses.size(), 1u);
   EXPECT_EQ(addresses[0].getAddressAsString(true), "127.0.0.1:8443");
@@ -189,11 +169,23 @@ TEST(ResolveHostNameTest, LocalhostResolvesToLoopback) {
   std::vector<IpAddress> addresses;
   ASSERT_TRUE(ResolveHostName("localhost", 80, addresses));
   ASSERT_FALSE(addresses.empty());
-  const IpAddress loopback4("127.0.0.1", IpAddress::IPv4);
-  const IpAddress loopback6("::1", IpAddress::IPv6);
   for (const IpAddress& address : addresses) {
-    EXPECT_TRUE(address == loopback4 || address == loopback6) << address.getAddressAsString(false);
-    EXPECT_EQ(address.getAddressAsString(true).substr(address.getAddressAsString(false).size()), ":80");
+    EXPECT_TRUE(address == IpAddress("127.0.0.1", IpAddress::IPv4) || address == IpAddress("::1", IpAddress::IPv6))
+        << address.getAddressAsString(false);
+    EXPECT_EQ(address.getAddressAsString(true), address.getAddressAsString(false) + ":80");
+  }
+}
+
+// The names are what a log reader searches for; codes without a name are logged by number alone.
+TEST(ResolveHostNameTest, FailureTextsNameTheCode) {
+  using url::detail::GetAddrInfoFailureText;
+  EXPECT_EQ(GetAddrInfoFailureText(EAI_NONAME), "getaddrinfo return -2 (EAI_NONAME)");
+  EXPECT_EQ(GetAddrInfoFailureText(12345), "getaddrinfo return 12345");
+  for (const auto& [code, name] : {std::pair{EAI_BADFLAGS, "EAI_BADFLAGS"}, {EAI_AGAIN, "EAI_AGAIN"},
+                                   {EAI_FAIL, "EAI_FAIL"}, {EAI_FAMILY, "EAI_FAMILY"},
+                                   {EAI_SOCKTYPE, "EAI_SOCKTYPE"}, {EAI_SERVICE, "EAI_SERVICE"},
+                                   {EAI_MEMORY, "EAI_MEMORY"}}) {
+    EXPECT_NE(GetAddrInfoFailureText(code).find(std::string(" (") + name + ")"), std::string::npos);
   }
 }
 
@@ -207,27 +199,9 @@ TEST(ResolveHostNameTest, FailureIsLoggedAsWarning) {
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].type, 2);
   EXPECT_EQ(records[0].category, "url");
-  // Which code the resolver gives is its business; the line must be the exact text for that code.
-  const std::string prefix = "getaddrinfo return ";
-  ASSERT_EQ(records[0].text.compare(0, prefix.size(), prefix), 0) << records[0].text;
-  const int code = std::atoi(records[0].text.c_str() + prefix.size());
-  EXPECT_NE(code, 0);
-  EXPECT_EQ(records[0].text, url::detail::GetAddrInfoFailureText(code));
-}
-
-TEST(ResolveHostNameTest, FailureTexts) {
-  using url::detail::GetAddrInfoFailureText;
-  const std::pair<int, const char*> named[] = {
-      {EAI_BADFLAGS, "EAI_BADFLAGS"}, {EAI_NONAME, "EAI_NONAME"},   {EAI_AGAIN, "EAI_AGAIN"},
-      {EAI_FAIL, "EAI_FAIL"},         {EAI_FAMILY, "EAI_FAMILY"},   {EAI_SOCKTYPE, "EAI_SOCKTYPE"},
-      {EAI_SERVICE, "EAI_SERVICE"},   {EAI_MEMORY, "EAI_MEMORY"}};
-  for (const auto& [code, name] : named) {
-    EXPECT_EQ(GetAddrInfoFailureText(code),
-              "getaddrinfo return " + std::to_string(code) + " (" + name + ")");
-  }
-  EXPECT_EQ(GetAddrInfoFailureText(EAI_NONAME), "getaddrinfo return -2 (EAI_NONAME)");
-  EXPECT_EQ(GetAddrInfoFailureText(EAI_SYSTEM), "getaddrinfo return -11");
-  EXPECT_EQ(GetAddrInfoFailureText(12345), "getaddrinfo return 12345");
+  // Which code the resolver gives is its business; the text names it by number and by name.
+  EXPECT_EQ(records[0].text.rfind("getaddrinfo return -", 0), 0u) << records[0].text;
+  EXPECT_NE(records[0].text.find(" (EAI_"), std::string::npos) << records[0].text;
 }
 
 }  // namespace

@@ -83,8 +83,8 @@ class KX_EXPORT HttpHeaders {
 
   // Calls `visitor` for each entry in ascending name order; the mutable form lets the visitor edit
   // the values in place. Stops at the first call that returns false and returns false; returns true
-  // when every entry was visited (also when the collection is empty). An empty `visitor` returns
-  // false without visiting anything, instead of throwing std::bad_function_call.
+  // when every entry was visited (also when the collection is empty, whatever `visitor` is). An empty
+  // `visitor` on a non-empty collection returns false instead of throwing std::bad_function_call.
   bool iterateOverHeaders(std::function<bool(const std::string& name, std::list<std::string>& values)> visitor);
   bool iterateOverHeaders(
       std::function<bool(const std::string& name, const std::list<std::string>& values)> visitor) const;
@@ -100,7 +100,9 @@ class KX_EXPORT HttpHeaders {
   //  - A line without ':' (a status line such as "HTTP/1.1 200 OK") becomes a name of its own, trimmed
   //    but not lower-cased, with no values; callers store it as a value-less header.
   // Returns false for an empty name (a blank line, ": x") and for an unclosed double quote in a
-  // split value (then `values` is empty). A NUL byte inside the line is an ordinary byte.
+  // split value (then `values` is empty). A NUL byte ends the line, exactly as it ends the text of
+  // ParseMultiValueHeader: what follows it is ignored, so no name or value ever holds a NUL ("X: a\0b"
+  // gives [a]; a line starting with NUL is a blank line).
   static bool SplitHttpHeader(const char* line, size_t length, std::string& name,
                               std::list<std::string>& values);
 
