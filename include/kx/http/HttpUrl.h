@@ -36,7 +36,7 @@ class KX_EXPORT HttpUrl : public kx::Url {
 
   HttpUrl();
   // Parses like kx::Url(encodedUrl): no normalisation, a failure is only logged.
-  explicit HttpUrl(const std::string& encodedUrl);
+  HttpUrl(const std::string& encodedUrl);  // NOLINT(google-explicit-constructor)
   HttpUrl(const HttpUrl& other);
   HttpUrl& operator=(const HttpUrl& other);
   ~HttpUrl() override;

@@ -242,9 +242,9 @@ bool Utf8ToLatin1(std::string_view text, std::string& out) {
 
 void SecureZero(void* data, size_t size) {
   if (data == nullptr || size == 0) return;
-  // A volatile pointer keeps the compiler from proving the stores dead and removing them.
-  volatile unsigned char* p = static_cast<volatile unsigned char*>(data);
-  for (size_t i = 0; i < size; ++i) p[i] = 0;
+  // explicit_bzero is a memset the compiler may not remove as a dead store, at memset's speed (a
+  // volatile byte loop would be just as safe but several times slower on long secrets).
+  explicit_bzero(data, size);
 }
 
 void SecureClear(std::string& secret) {
