@@ -43,6 +43,8 @@ class RequestBody {
   // Installs the read callback, and the seek callback when the body can be rewound. Returns the OR of
   // the curl_easy_setopt results.
   int install(CURL* curl);
+  // Whether install() sets a seek callback (the body can be rewound).
+  bool installsSeek() const { return rewindable(); }
   // Why the last read gave up, for the error report; empty when it did not.
   const std::string& failure() const { return failure_; }
 

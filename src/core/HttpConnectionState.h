@@ -9,6 +9,7 @@
 #include <kx/http/HttpConnection.h>
 #include <kx/http/HttpConnectionParameters.h>
 #include <kx/http/HttpHeaders.h>
+#include <kx/http/HttpPolicies.h>
 #include <kx/http/HttpProxyFinder.h>
 #include <kx/http/HttpUrl.h>
 #include <kx/system/kxTime.h>
@@ -57,6 +58,29 @@ struct HttpConnection::State {
   // jar that lives in the handle; a jar in a share survives both, and also a new handle after a
   // transfer error.
   CURLSH* cookieJar = nullptr;
+
+  // What the handle is configured for, when that is all it holds besides the options of the last call's
+  // hooks and method (see HttpConnection::setup): a call asking for the same skips the reset and the
+  // parameters. Cleared whenever something unknown may have touched the handle.
+  struct Configuration {
+    HttpConnectionParameters parameters;
+    SSLValidatePolicy sslValidate = SVP_GlobalPolicy;
+    HostNameResolutionPolicy hostNameResolution = HNRP_GlobalPolicy;
+    int schemeKind = 0;  // 1 http, 2 https
+    bool loopback = false;
+    bool verbose = false;
+    bool operator==(const Configuration& other) const {
+      return parameters == other.parameters && sslValidate == other.sslValidate &&
+             hostNameResolution == other.hostNameResolution && schemeKind == other.schemeKind &&
+             loopback == other.loopback && verbose == other.verbose;
+    }
+  };
+  Configuration configuration;
+  bool configured = false;
+  // Per-call options the handle holds now, so that the next call without a reset knows what to undo.
+  bool probeInstalled = false;
+  bool seekInstalled = false;
+  bool headerFunctionInstalled = false;
 };
 
 namespace detail {

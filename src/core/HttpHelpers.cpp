@@ -73,10 +73,12 @@ long StatusOfLine(std::string_view line) {
   return status;
 }
 
+// `prefix` is lower-case letters and ':' only, so OR-ing 0x20 folds the letters and keeps ':' as it is.
+// Called for every header line of every response: no locale, no call per character.
 bool StartsWithNoCase(std::string_view line, std::string_view prefix) {
   if (line.size() < prefix.size()) return false;
   for (size_t i = 0; i < prefix.size(); ++i)
-    if (kxStringUtils::AsciiToLower(line[i]) != prefix[i]) return false;
+    if ((line[i] | 0x20) != prefix[i]) return false;
   return true;
 }
 
@@ -281,6 +283,7 @@ bool HttpHelpers::GenericCall(HttpConnection& connection, const HttpUrl& url, Ht
   hooks.sink = &c;
   hooks.headerFunction = &ReceiveHeaderLine;
   hooks.headerData = &c;
+  hooks.methodOptionsOnly = true;  // InstallCall sets the method and nothing else
   if (c.progress != nullptr) {
     hooks.progress = &Progress;
     hooks.progressArgument = &c;

@@ -27,6 +27,10 @@ struct TransferHooks {
   // Sent as "Content-Type" unless one of the header layers (process defaults, the connection's common
   // headers, the request's own) already names one.
   const char* contentType = nullptr;
+  // The header callback of the call sets no curl option but the method ones (CURLOPT_POST, NOBODY,
+  // CUSTOMREQUEST, UPLOAD, POSTFIELDSIZE_LARGE, INFILESIZE_LARGE). The connection may then keep its
+  // handle configured from one call to the next and only undo those, instead of resetting it.
+  bool methodOptionsOnly = false;
 };
 
 }  // namespace detail

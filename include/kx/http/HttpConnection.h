@@ -117,6 +117,9 @@ class KX_EXPORT HttpConnection {
   friend struct detail::HttpConnectionAccess;
   // setupConnection with the request's policies already resolved (once per attempt).
   bool setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel, const detail::ResolvedPolicies& policies);
+  // Installs the call's writer, reader, header function and probe; without a reset before, first undoes
+  // the previous call's method options. Returns the OR of the curl_easy_setopt results.
+  int installCallOptions(const kxCancelInterfaceReadOnly* cancel, bool afterReset);
   std::unique_ptr<State> state_;
   bool trackSocket_;
 };
