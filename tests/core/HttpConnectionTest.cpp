@@ -205,10 +205,10 @@ TEST_F(HttpConnectionTest, VerboseTraceShowsHeadersAndRequestIdButNoBody) {
   EXPECT_EQ(id[14], '4') << "a version 4 UUID";
   EXPECT_EQ(server.lastRequest().header("X-Request-ID"), id);
   const std::string report = connection.getLastErrorMsg();
-  for (const std::string& part : {"HttpConnection error : bad html response code, got 200, expect 404 ",
-                                  "\nX-Request-ID : " + id + "\n", std::string("\nCurl diag info : \n"),
-                                  std::string("\n> GET /secret HTTP/1.1\r\n"), "\n> X-Request-ID: " + id + "\r\n",
-                                  std::string("< Content-Length: 22\r\n"), std::string("\n* ")})
+  for (const std::string& part : std::vector<std::string>{
+           "HttpConnection error : bad html response code, got 200, expect 404 ", "\nX-Request-ID : " + id + "\n",
+           "\nCurl diag info : \n", "\n> GET /secret HTTP/1.1\r\n", "\n> X-Request-ID: " + id + "\r\n",
+           "< Content-Length: 22\r\n", "\n* "})
     EXPECT_THAT(report, HasSubstr(part));
   EXPECT_THAT(report, testing::ContainsRegex("\n# -> 0B @[0-9]+B/sec\n# <- 22B @[0-9]+B/sec\n"));
   EXPECT_THAT(report, Not(HasSubstr("BODY-MARKER")));

@@ -48,8 +48,8 @@ const std::string kDoc = R"({"ids":[1,2]})";
 struct HelperCase {
   const char* name;
   const char* method;
-  bool sendsDoc;            // else no body, no Content-Type
-  const char* contentType;  // when it sends the document
+  bool sendsDoc;            // else no body and no Content-Length
+  const char* contentType;  // "": none sent
   const char* logPrefix;    // "" when the helper does not log
   std::function<bool(HttpConnection&, const HttpUrl&)> call;
 };
@@ -58,7 +58,7 @@ const HelperCase kHelperCases[] = {
      [](auto& c, auto& u) { return HttpHelpers::HttpGet(c, u, nullptr, nullptr, nullptr, nullptr); }},
     {"Head", "HEAD", false, "", "Http HEAD error ",
      [](auto& c, auto& u) { return HttpHelpers::HttpHead(c, u, nullptr, nullptr, nullptr, nullptr); }},
-    {"GetJson", "GET", false, "", "Http GET error ",
+    {"GetJson", "GET", false, "application/json", "Http GET error ",
      [](auto& c, auto& u) {
        std::string out;
        return HttpHelpers::HttpGetJson(c, u, out, nullptr, nullptr, nullptr, nullptr, nullptr, 0, false);
@@ -99,7 +99,7 @@ TEST_P(HttpHelpersCallTest, SendsItsRequestAndLogsItsFailure) {
   EXPECT_EQ(request.method, c.method);
   EXPECT_EQ(request.body, c.sendsDoc ? kDoc : "");
   EXPECT_EQ(request.headerValues("Content-Type"),
-            c.sendsDoc ? std::vector<std::string>{c.contentType} : std::vector<std::string>{});
+            *c.contentType ? std::vector<std::string>{c.contentType} : std::vector<std::string>{});
   EXPECT_EQ(request.header("Content-Length"), c.sendsDoc ? std::to_string(kDoc.size()) : "");
   EXPECT_TRUE(log.texts("http").empty()) << log.dump();
 
