@@ -1,6 +1,6 @@
-// Test scaffolding shared by the HttpConnection tests: a library-initialising fixture and one request
+// Test scaffolding shared by the transfer-layer tests: a library-initialising fixture, one request
 // context whose header callback installs a response sink, optionally points curl at the test CA and
-// runs a test's own hook, counting its calls (one per attempt).
+// runs a test's own hook, counting its calls (one per attempt), and a request body source of unknown size.
 #pragma once
 
 #include <curl/curl.h>
@@ -10,7 +10,10 @@
 #include <kx/http/HttpConnection.h>
 #include <kx/http/HttpHeaders.h>
 #include <kx/http/HttpUrl.h>
+#include <kx/system/kxIoDevice.h>
 
+#include <algorithm>
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -54,6 +57,37 @@ struct ConnectionTestCall {
            const std::string& expectedType = "") {
     return run(connection, kx::http::HttpUrl(url), expectedStatus, expectedType);
   }
+};
+
+// A readable device without random access (so its body goes out chunked), delivering at most 1000 bytes
+// per read. It can fail after `faultAt` bytes, or stall there (nothing delivered, no error, not at its
+// end), or answer every other read with "nothing now" (0 before its end) as a builder switching sources does.
+class StreamSource : public kx::kxIoDevice {
+ public:
+  enum class Fault { kNone, kError, kStall, kPauses };
+  explicit StreamSource(std::string data, size_t faultAt = std::string::npos, Fault fault = Fault::kNone)
+      : kxIoDevice(DW_Read), data_(std::move(data)), faultAt_(faultAt), fault_(fault) {}
+
+  size_t readBytes(char* buffer, size_t size) override {
+    if (!readAllowed()) return 0;
+    if (fault_ == Fault::kPauses && (paused_ = !paused_)) return 0;
+    if (position_ >= faultAt_) {
+      if (fault_ == Fault::kError) setDeviceError("source broke");
+      return 0;
+    }
+    const size_t n = std::min({size, size_t{1000}, data_.size() - position_, faultAt_ - position_});
+    std::memcpy(buffer, data_.data() + position_, n);
+    position_ += n;
+    return n;
+  }
+  bool atEnd() const override { return position_ == data_.size(); }
+
+ private:
+  std::string data_;
+  size_t position_ = 0;
+  size_t faultAt_;
+  Fault fault_;
+  bool paused_ = false;
 };
 
 }  // namespace kx::test

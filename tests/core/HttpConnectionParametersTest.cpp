@@ -5,7 +5,6 @@
 
 #include <kx/http/HttpConnectionParameters.h>
 #include <kx/http/HttpPolicies.h>
-#include <kx/http/HttpProxyFinder.h>
 
 #include "core/ConnectionTestCall.h"
 #include "support/LoopbackHttpServer.h"
@@ -37,18 +36,6 @@ HttpUrl WithPolicies(const std::string& text, const HttpPolicies& policies) {
 }
 
 class HttpConnectionParametersTest : public kx::test::CorvixSuite {};
-
-TEST_F(HttpConnectionParametersTest, OnlyHttpSchemesAreAccepted) {
-  CURL* curl = curl_easy_init();
-  ASSERT_NE(curl, nullptr);
-  HttpConnectionParameters params;
-  kx::http::HttpProxyFinder finder;
-  EXPECT_EQ(params.applyParameters(curl, HttpUrl("http://127.0.0.1/"), finder), 0);
-  EXPECT_EQ(params.applyParameters(curl, HttpUrl("https://127.0.0.1/"), finder), 0);
-  EXPECT_NE(params.applyParameters(curl, HttpUrl("ftp://127.0.0.1/"), finder), 0);
-  EXPECT_NE(params.applyParameters(curl, HttpUrl(), finder), 0);
-  curl_easy_cleanup(curl);
-}
 
 TEST_F(HttpConnectionParametersTest, FollowsHttpRedirectsUpToTheLimit) {
   LoopbackHttpServer server;

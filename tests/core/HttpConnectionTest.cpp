@@ -1,23 +1,24 @@
 // HttpConnection::getHttpData against the loopback servers: what the server receives, the status and
-// content-type checks, the failures before any transfer, keep-alive reuse, time-outs and cancellation.
+// content-type checks, the failures before any transfer, keep-alive reuse, the error report with its
+// sections, trace and history, and the single retry with any address family.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <kx/http/HttpAuthenticatorInterface.h>
 #include <kx/http/HttpConnectionParameters.h>
-#include <kx/system/kxCancelFlag.h>
+#include <kx/http/HttpPolicies.h>
 #include <kx/system/kxStringUtils.h>
 
 #include "core/ConnectionTestCall.h"
+#include "core/HttpConnectionAccess.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
-#include "support/RawTcpFaultServer.h"
 
-#include <future>
+#include <algorithm>
+#include <initializer_list>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
-#include "core/HttpConnectionAccess.h"
 
 namespace {
 
@@ -25,9 +26,14 @@ using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpHeaders;
+using kx::http::HttpPolicies;
 using kx::http::HttpUrl;
 using kx::test::ConnectionTestCall;
 using kx::test::LoopbackHttpServer;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+using Tls = kx::test::LoopbackHttpServerOptions::Tls;
 
 // Adds one header, or fails with a fixed text.
 class TestAuthenticator : public kx::http::HttpAuthenticatorInterface {
@@ -35,12 +41,9 @@ class TestAuthenticator : public kx::http::HttpAuthenticatorInterface {
   explicit TestAuthenticator(std::string error) : error_(std::move(error)) {}
   bool equalTo(const HttpAuthenticatorInterface&) const override { return false; }
   bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders& headers, std::string& error) override {
-    if (!error_.empty()) {
-      error = error_;
-      return false;
-    }
-    headers.addHeaderValue("X-Order", "authenticator");
-    return true;
+    if (!error_.empty()) error = error_;
+    else headers.addHeaderValue("X-Order", "authenticator");
+    return error_.empty();
   }
   std::unique_ptr<HttpAuthenticatorInterface> cloneAuthenticator() override {
     return std::make_unique<TestAuthenticator>(error_);
@@ -52,6 +55,11 @@ class TestAuthenticator : public kx::http::HttpAuthenticatorInterface {
 
 class HttpConnectionTest : public kx::test::CorvixSuite {
  protected:
+  std::string FirstLine() const {
+    const std::string report = connection.getLastErrorMsg();
+    return report.substr(0, report.find('\n'));
+  }
+
   LoopbackHttpServer server;
   HttpConnection connection;
   ConnectionTestCall call;
@@ -79,69 +87,48 @@ TEST_F(HttpConnectionTest, SendsDefaultThenCommonThenRequestHeaders) {
   EXPECT_EQ(connection.getLastRequestId(), "");
 }
 
-TEST_F(HttpConnectionTest, VerboseLogSendsRequestId) {
-  kx::test::LogCapture verbose(true);
-  ASSERT_TRUE(call.run(connection, server.url("/echo"))) << connection.getLastErrorMsg();
-  const std::string id = connection.getLastRequestId();
-  ASSERT_EQ(id.size(), 36u);
-  EXPECT_EQ(id[14], '4');
-  EXPECT_EQ(server.lastRequest().header("X-Request-ID"), id);
-}
-
-TEST_F(HttpConnectionTest, StatusCheck) {
+TEST_F(HttpConnectionTest, StatusAndContentTypeChecks) {
   const std::string url = server.url("/status/404");
   EXPECT_FALSE(call.run(connection, url, 200));
   EXPECT_EQ(connection.getLastHttpReturnCode(), 404);
-  EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
-            "HttpConnection error : bad html response code, got 404, expect 200 " + url);
+  EXPECT_EQ(FirstLine(), "HttpConnection error : bad html response code, got 404, expect 200 " + url);
   EXPECT_TRUE(Access::HasCurlHandle(connection)) << "a wrong status keeps the handle";
   EXPECT_EQ(call.body, "status 404\n");
-
   EXPECT_TRUE(call.run(connection, url, 0)) << "0 accepts any status";
   EXPECT_TRUE(call.run(connection, server.url("/status/500"), -1));
   EXPECT_TRUE(call.run(connection, url, 404));
-}
 
-TEST_F(HttpConnectionTest, ContentTypeCheckIsExact) {
-  const std::string url = server.url("/status/200");
-  ASSERT_TRUE(call.run(connection, url, 200, "")) << connection.getLastErrorMsg();
+  const std::string typed = server.url("/status/200");
+  ASSERT_TRUE(call.run(connection, typed, 200, "")) << connection.getLastErrorMsg();
   const std::string type = connection.getLastReceivedType();
   ASSERT_FALSE(type.empty());
-  EXPECT_TRUE(call.run(connection, url, 200, type));
-  EXPECT_FALSE(call.run(connection, url, 200, "application/json"));
-  EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
-            "HttpConnection error : bad content type, got " + type + ", expect application/json " + url);
-  EXPECT_FALSE(call.run(connection, url, 200, kx::kxStringUtils::AsciiToUpper(type)));
+  EXPECT_TRUE(call.run(connection, typed, 200, type));
+  EXPECT_FALSE(call.run(connection, typed, 200, "application/json"));
+  EXPECT_EQ(FirstLine(), "HttpConnection error : bad content type, got " + type + ", expect application/json " + typed);
+  EXPECT_FALSE(call.run(connection, typed, 200, kx::kxStringUtils::AsciiToUpper(type))) << "exact, case included";
   EXPECT_TRUE(Access::HasCurlHandle(connection));
 }
 
 TEST_F(HttpConnectionTest, FailuresBeforeTheTransferSendNothing) {
   ASSERT_TRUE(call.run(connection, server.url("/echo")));
-  ASSERT_TRUE(Access::HasCurlHandle(connection));
-
   HttpUrl url(server.url("/echo"));
   url.addAuthenticator(std::make_unique<TestAuthenticator>("token expired"));
   EXPECT_FALSE(call.run(connection, url));
-  EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
-            "HttpConnection error : Authenticator return an error : token expired");
+  EXPECT_EQ(FirstLine(), "HttpConnection error : Authenticator return an error : token expired");
   EXPECT_FALSE(Access::HasCurlHandle(connection));
 
   call.onCall = [](CURL*, HttpHeaders&, int) { return 7; };
   EXPECT_FALSE(call.run(connection, server.url("/echo")));
-  EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
-            "HttpConnection error : User callback return and error");
+  EXPECT_EQ(FirstLine(), "HttpConnection error : User callback return and error");
   EXPECT_FALSE(Access::HasCurlHandle(connection));
   call.onCall = nullptr;
 
   EXPECT_FALSE(call.run(connection, "ftp://127.0.0.1/file"));
-  EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
-            "HttpConnection error : Fail to setupconnection");
-
+  EXPECT_EQ(FirstLine(), "HttpConnection error : Fail to setupconnection");
   HttpUrl noHost;
   noHost.setScheme("http");
   EXPECT_FALSE(call.run(connection, noHost));
-  EXPECT_EQ(connection.getLastErrorMsg().substr(0, connection.getLastErrorMsg().find('\n')),
-            "HttpConnection error : Invalid http url");
+  EXPECT_EQ(FirstLine(), "HttpConnection error : Invalid http url");
   EXPECT_EQ(server.requestCount(), 1u);
 }
 
@@ -180,56 +167,158 @@ TEST_F(HttpConnectionTest, KeepAliveReusesTheSocketAndCountsItsUses) {
   EXPECT_EQ(tracked.getConnectionUseCount(), 4u);
 }
 
-TEST_F(HttpConnectionTest, LowSpeedRuleEndsAStalledTransfer) {
-  kx::test::RawTcpFaultServer stall(kx::test::RawTcpFaultServer::Mode::kStall);
-  ASSERT_TRUE(stall.isRunning()) << stall.startError();
-  connection.editConnectionParameters().lowSpeedTimeSec = 1;
-  EXPECT_FALSE(call.run(connection, stall.url("/stalled")));
-  EXPECT_TRUE(connection.isLastCallTimedOut());
-  EXPECT_TRUE(connection.wasAbortedByCallback()) << "inverted: true when not aborted";
-  const std::string report = connection.getLastErrorMsg();
-  EXPECT_EQ(report.rfind("HttpConnection error : Curl easy perform error after ", 0), 0u) << report;
-  const std::string expected = "s, " + stall.url("/stalled") +
-                               "\nCurl error : CURLE_OPERATION_TIMEDOUT (28), Timeout was reached\n"
-                               "Curl internal error : Operation too slow.";
-  EXPECT_NE(report.find(expected), std::string::npos) << report;
-  EXPECT_FALSE(Access::HasCurlHandle(connection));
+// getLastErrorMsg: its sections and their order, the history line, the verbose trace.
+TEST_F(HttpConnectionTest, ReportShowsStatusExtraInfoAndHistoryInOrder) {
+  kx::test::LogCapture quiet(false);
+  EXPECT_EQ(connection.getLastErrorMsg(), "") << "no handle, no report";
+  ASSERT_TRUE(call.run(connection, server.url("/echo")));
+  EXPECT_THAT(connection.getLastErrorMsg(),
+              MatchesRegex("Http return code 200\nConnection created [0-9.]+m?s ago, first use, "
+                           "connection use count 1, socket use count 1"));
+  const std::string url = server.url("/status/503");
+  ASSERT_FALSE(call.run(connection, url));
+  connection.addErrorInfo("");
+  connection.addErrorInfo("received [status 503]");
+  connection.addErrorInfo("second");
+  EXPECT_THAT(connection.getLastErrorMsg(),
+              MatchesRegex("HttpConnection error : bad html response code, got 503, expect 200 " + url +
+                           "\nHttp return code 503\nExtra error info : received \\[status 503\\] second\n"
+                           "Connection created [0-9.]+m?s ago, previous use was [0-9.]+m?s ago, "
+                           "connection use count 2, socket use count 2"));
+  EXPECT_THAT(connection.getLastErrorMsg(), Not(HasSubstr("Curl diag info"))) << "no trace without verbose log";
+  EXPECT_TRUE(quiet.texts("curl").empty());
+  ASSERT_TRUE(call.run(connection, server.url("/echo")));
+  EXPECT_THAT(connection.getLastErrorMsg(), Not(HasSubstr("Extra error info"))) << "a new call, a new report";
 }
 
-TEST_F(HttpConnectionTest, CancelFromAnotherThreadStopsTheTransferAndKeepsTheHandle) {
-  kx::kxCancelFlag cancel;
-  std::promise<void> firstBytes;
-  std::thread canceller([&cancel, started = firstBytes.get_future()]() mutable {
-    started.wait();
-    cancel.cancel();
+TEST_F(HttpConnectionTest, VerboseTraceShowsHeadersAndRequestIdButNoBody) {
+  server.Get("/secret", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content("BODY-MARKER-0123456789", "text/plain");
   });
-  struct Sink {
-    std::promise<void>* firstBytes;
-    size_t received = 0;
-  } sink{&firstBytes};
-  call.onCall = [&sink](CURL* curl, HttpHeaders&, int) {
-    curl_write_callback write = [](char*, size_t size, size_t count, void* data) {
-      auto* s = static_cast<Sink*>(data);
-      if (s->received == 0) s->firstBytes->set_value();
-      s->received += size * count;
-      return size * count;
-    };
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, write);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
-    return 0;
-  };
-  const std::string url = server.url("/slow?chunk=10&intervalMs=20&bytes=1000000");
-  const bool ok = call.run(connection, HttpUrl(url), 200, "", &cancel);
-  if (sink.received == 0) firstBytes.set_value();  // never leave the canceller waiting
-  canceller.join();
-  EXPECT_FALSE(ok);
-  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_ABORTED_BY_CALLBACK);
-  EXPECT_FALSE(connection.wasAbortedByCallback()) << "inverted: false after a cancelled transfer";
-  EXPECT_GT(sink.received, 0u);
-  EXPECT_LT(sink.received, 1000000u);
+  kx::test::LogCapture verbose(true);
+  // Uncompressed, so the body's own bytes would show if they leaked into the trace.
+  connection.editConnectionParameters().acceptEncoding = false;
+  ASSERT_FALSE(call.run(connection, server.url("/secret"), 404));
+  EXPECT_EQ(call.body, "BODY-MARKER-0123456789");
+  const std::string id = connection.getLastRequestId();
+  ASSERT_EQ(id.size(), 36u);
+  EXPECT_EQ(id[14], '4') << "a version 4 UUID";
+  EXPECT_EQ(server.lastRequest().header("X-Request-ID"), id);
   const std::string report = connection.getLastErrorMsg();
-  EXPECT_EQ(report.rfind("HttpConnection error : Curl easy perform canceled after ", 0), 0u) << report;
-  EXPECT_TRUE(Access::HasCurlHandle(connection));
+  for (const std::string& part : std::vector<std::string>{
+           "HttpConnection error : bad html response code, got 200, expect 404 ", "\nX-Request-ID : " + id + "\n",
+           "\nCurl diag info : \n", "\n> GET /secret HTTP/1.1\r\n", "\n> X-Request-ID: " + id + "\r\n",
+           "< Content-Length: 22\r\n", "\n* "})
+    EXPECT_THAT(report, HasSubstr(part));
+  EXPECT_THAT(report, testing::ContainsRegex("\n# -> 0B @[0-9]+B/sec\n# <- 22B @[0-9]+B/sec\n"));
+  EXPECT_THAT(report, Not(HasSubstr("BODY-MARKER")));
+  // The logged trace is the same without the statistics lines.
+  const std::vector<std::string> curlLog = verbose.texts("curl");
+  ASSERT_EQ(curlLog.size(), 1u);
+  EXPECT_EQ(curlLog[0].rfind("Curl debug output \n", 0), 0u);
+  EXPECT_THAT(curlLog[0], HasSubstr("> GET /secret HTTP/1.1\r\n"));
+  EXPECT_THAT(curlLog[0], Not(HasSubstr("# <- ")));
+  EXPECT_THAT(curlLog[0], Not(HasSubstr("BODY-MARKER")));
+}
+
+TEST_F(HttpConnectionTest, MovingToAnotherServerWarnsAndRestartsTheCounts) {
+  LoopbackHttpServer other;
+  kx::test::LogCapture verbose(true);
+  ASSERT_TRUE(call.run(connection, server.url("/echo")));
+  ASSERT_TRUE(call.run(connection, server.url("/echo")));
+  EXPECT_EQ(connection.getConnectionUseCount(), 2u);
+  EXPECT_FALSE(verbose.containsFragment("reused with a different host:port"));
+  const std::string warning = "Http connection was reused with a different host:port ";
+  ASSERT_TRUE(call.run(connection, other.url("/echo")));
+  EXPECT_TRUE(verbose.contains(warning + server.url("/echo") + " " + other.url("/echo"))) << verbose.dump();
+  EXPECT_EQ(connection.getConnectionUseCount(), 1u);
+  EXPECT_EQ(connection.getSocketUseCount(), 1u);
+  // Same port, other host name: also another server.
+  ASSERT_TRUE(call.run(connection, other.urlWithHost("localhost", "/echo")));
+  EXPECT_EQ(connection.getConnectionUseCount(), 1u);
+  EXPECT_EQ(verbose.count(warning + other.url("/echo") + " " + other.urlWithHost("localhost", "/echo")), 1u);
+}
+
+// The single retry with any address family. No DNS server is involved: "kx-retry.test" resolves only
+// through CURLOPT_RESOLVE set from the header callback, and a resolver-start callback that refuses to
+// start stands for a name the system cannot resolve. curl discards an IPv4-only CURLOPT_RESOLVE entry
+// under CURL_IPRESOLVE_V6, so a second attempt that kept the IPv6 preference would hit the refusing
+// resolver: success proves the retry was set up anew with any family.
+constexpr const char* kHost = "kx-retry.test";
+
+class HttpConnectionRetryTest : public HttpConnectionTest {
+ protected:
+  ~HttpConnectionRetryTest() override { curl_slist_free_all(resolve); }
+
+  // Attempts listed in `resolvable` get the CURLOPT_RESOLVE entry; every attempt gets the refusing resolver.
+  void script(const LoopbackHttpServer& target, std::initializer_list<int> resolvable) {
+    curl_slist_free_all(resolve);
+    const std::string entry = std::string(kHost) + ":" + std::to_string(target.port()) + ":127.0.0.1";
+    resolve = curl_slist_append(nullptr, entry.c_str());
+    call.onCall = [this, resolvable = std::vector<int>(resolvable)](CURL* curl, HttpHeaders&, int attempt) {
+      curl_resolver_start_callback refuse = [](void*, void*, void* count) {
+        ++*static_cast<int*>(count);
+        return 1;
+      };
+      curl_easy_setopt(curl, CURLOPT_RESOLVER_START_FUNCTION, refuse);
+      curl_easy_setopt(curl, CURLOPT_RESOLVER_START_DATA, &resolverStarts);
+      if (std::find(resolvable.begin(), resolvable.end(), attempt) != resolvable.end())
+        curl_easy_setopt(curl, CURLOPT_RESOLVE, resolve);
+      return 0;
+    };
+  }
+
+  static HttpUrl Url(const std::string& text, kx::http::HostNameResolutionPolicy policy,
+                     HttpPolicies policies = HttpPolicies()) {
+    policies.setHostNameResolutionPolicy(policy);
+    HttpUrl url(text);
+    url.setPolicies(std::make_shared<const HttpPolicies>(policies));
+    return url;
+  }
+
+  curl_slist* resolve = nullptr;
+  int resolverStarts = 0;
+};
+
+TEST_F(HttpConnectionRetryTest, SecondAttemptUsesAnyFamilyAndSucceeds) {
+  script(server, {2});
+  ASSERT_TRUE(call.run(connection, Url(server.urlWithHost(kHost, "/echo"), kx::http::HNRP_PreferIpv6)))
+      << connection.getLastErrorMsg();
+  EXPECT_EQ(call.calls, 2);
+  EXPECT_EQ(resolverStarts, 1) << "the second attempt must take the IPv4-only entry";
+  EXPECT_EQ(server.requestCount(), 1u);
+  EXPECT_EQ(server.lastRequest().header("Host"), std::string(kHost) + ":" + std::to_string(server.port()));
+  EXPECT_EQ(connection.getLastErrorMsg().rfind("Http return code 200\n", 0), 0u) << connection.getLastErrorMsg();
+}
+
+TEST_F(HttpConnectionRetryTest, OnlyOneRetryAndOnlyUnderAPreference) {
+  script(server, {});
+  const std::string url = server.urlWithHost(kHost, "/echo");
+  EXPECT_FALSE(call.run(connection, Url(url, kx::http::HNRP_PreferIpv4)));
+  EXPECT_EQ(call.calls, 2);
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_COULDNT_RESOLVE_HOST);
+  EXPECT_EQ(connection.getLastErrorMsg().rfind("HttpConnection error : Curl easy perform error after ", 0), 0u);
+  call.calls = 0;
+  EXPECT_FALSE(call.run(connection, Url(url, kx::http::HNRP_Whatever)));
+  EXPECT_EQ(call.calls, 1);
+  EXPECT_EQ(server.requestCount(), 0u);
+}
+
+TEST_F(HttpConnectionRetryTest, CertificateProblemRetriesNamesButNotAddresses) {
+  LoopbackHttpServer secure({.tls = Tls::kOn});
+  const std::string garbage = "not a certificate";
+  HttpPolicies badCertificate;
+  ASSERT_TRUE(badCertificate.setClientCertificatePolicyBlobPEM(garbage.data(), garbage.size(), garbage.data(),
+                                                               garbage.size(), ""));
+  EXPECT_FALSE(call.run(connection, Url(secure.url("/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM);
+  EXPECT_EQ(call.calls, 1) << "127.0.0.1 has no other family to try";
+  // curl consults the resolver-start callback even for an address literal, so it is only set up now.
+  call.calls = 0;
+  script(secure, {1, 2});
+  EXPECT_FALSE(call.run(connection, Url(secure.urlWithHost(kHost, "/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
+  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM) << connection.getLastErrorMsg();
+  EXPECT_EQ(call.calls, 2);
 }
 
 }  // namespace

@@ -186,6 +186,8 @@ TEST_P(HttpFaultTest, FailsWithItsReportAndLeavesNothingBehind) {
       HttpConnectionLocker lease(pool, target);
       EXPECT_FALSE(Call(c.helper, *lease, target, &params, &cancel));
       report = lease->getLastErrorMsg();
+      EXPECT_EQ(lease->isLastCallTimedOut(), std::string(c.curlError).find(" (28), ") != std::string::npos);
+      EXPECT_EQ(lease->wasAbortedByCallback(), !c.cancel) << "inverted: false after a cancelled transfer";
     }
     if (canceller.joinable()) canceller.join();
     EXPECT_EQ(pool.getIdleConnectionCount(), 0u) << "a failed connection went back to the pool";

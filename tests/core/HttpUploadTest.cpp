@@ -6,7 +6,6 @@
 #include <kx/http/HttpConnection.h>
 #include <kx/http/HttpHelpers.h>
 #include <kx/http/HttpUrl.h>
-#include <kx/system/kxIoDevice.h>
 #include <kx/system/kxIoDeviceStringReadOnly.h>
 
 #include "core/ConnectionTestCall.h"
@@ -16,8 +15,6 @@
 
 #include <strings.h>
 
-#include <algorithm>
-#include <cstring>
 #include <string>
 
 namespace {
@@ -25,23 +22,7 @@ namespace {
 using kx::http::HttpHelpers;
 using kx::http::HttpUrl;
 
-// A readable device without random access: its size is unknown, so the body goes out chunked.
-class StreamSource : public kx::kxIoDevice {
- public:
-  explicit StreamSource(std::string data) : kxIoDevice(DW_Read), data_(std::move(data)) {}
-  size_t readBytes(char* buffer, size_t size) override {
-    if (!readAllowed()) return 0;
-    const size_t n = std::min(size, data_.size() - position_);
-    std::memcpy(buffer, data_.data() + position_, n);
-    position_ += n;
-    return n;
-  }
-  bool atEnd() const override { return position_ == data_.size(); }
-
- private:
-  std::string data_;
-  size_t position_ = 0;
-};
+using kx::test::StreamSource;
 
 enum class Upload { kPutMemory, kPutSizedDevice, kPutStream, kGetJson, kDeleteJson, kPost };
 struct UploadCase {
