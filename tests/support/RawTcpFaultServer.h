@@ -6,10 +6,11 @@
 //                                 listened on, so connect() is refused
 //   kAcceptAndClose               request read, then an orderly close, no byte       CURLE_GOT_NOTHING (52)
 //   kResetAfterRequest            request read, then a reset (RST)                   CURLE_RECV_ERROR (56)
-//   kPartialResponse              request read, cannedResponse() sent (a head that   CURLE_PARTIAL_FILE (18)
-//                                 promises more body than follows), then closed
+//   kPartialResponse              request read, a head announcing 1000 bytes and     CURLE_PARTIAL_FILE (18)
+//                                 the 12 bytes "partial body" sent, then closed
 //   kStall                        request read, then silence, connection held        CURLE_OPERATION_TIMEDOUT (28)
-//   kStallAfterPartialResponse    request read, cannedResponse() sent, then silence  once the low-speed limit fires
+//   kStallAfterPartialResponse    request read, the same partial response, then      once the low-speed limit fires
+//                                 silence
 //
 //   kx::test::RawTcpFaultServer server(kx::test::RawTcpFaultServer::Mode::kStall);
 //   curl_easy_setopt(curl, CURLOPT_URL, server.url("/").c_str());
@@ -23,8 +24,7 @@
 // "Request read" means: up to the blank line ending the head, the client's close, or 5 s, whichever
 // comes first (a TLS client never sends a blank line; it gets the misbehaviour after 5 s).
 //
-// Thread-safety: thread-safe. One thread per connection; setMode() applies to connections accepted
-// after it.
+// Thread-safety: thread-safe. One thread per connection.
 // Ownership: the destructor wakes every connection thread, closes all sockets and joins the threads at
 // once, stalled connections included.
 #pragma once
@@ -49,9 +49,6 @@ class RawTcpFaultServer {
     kStallAfterPartialResponse,
   };
 
-  // "HTTP/1.1 200 OK", a Content-Length of 1000 and the 12 bytes "partial body".
-  static const char* const kDefaultCannedResponse;
-
   explicit RawTcpFaultServer(Mode mode);
   ~RawTcpFaultServer();
   RawTcpFaultServer(const RawTcpFaultServer&) = delete;
@@ -62,12 +59,6 @@ class RawTcpFaultServer {
 
   uint16_t port() const;
   std::string url(std::string_view path) const;  // "http://127.0.0.1:<port>" + path
-
-  // Changes the behaviour for later connections. A kRefuse server stays refusing, and a listening one
-  // cannot start refusing.
-  void setMode(Mode mode);
-  // Bytes sent by the partial modes.
-  void setCannedResponse(std::string bytes);
 
   uint64_t acceptedConnections() const;
   // What each connection sent before the misbehaviour, in the order of acceptance.
