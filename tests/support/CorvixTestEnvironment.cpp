@@ -13,7 +13,7 @@ bool WantsUninitialisedLibrary(std::string_view suite) {
   auto endsWith = [&](std::string_view suffix) {
     return suite.size() >= suffix.size() && suite.substr(suite.size() - suffix.size()) == suffix;
   };
-  return endsWith("LifecycleTest") || endsWith("LifetimeTest");
+  return endsWith("LifecycleTest") || endsWith("LifetimeTest") || endsWith("UninitializedTest");
 }
 
 class PerTestListener final : public testing::EmptyTestEventListener {

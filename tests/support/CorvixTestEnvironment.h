@@ -4,9 +4,10 @@
 // The process-wide default policies and headers are restored after every test, so a test may change
 // them freely.
 //
-// Suites that watch the lifecycle itself must start from an uninitialised library. For a suite whose name
-// ends in "LifecycleTest" or "LifetimeTest" the environment gives its initialisation back before each
-// test and takes it again after it.
+// Suites that watch the lifecycle itself, or the library's behaviour before initialisation, must start
+// from an uninitialised library. For a suite whose name ends in "LifecycleTest", "LifetimeTest" or
+// "UninitializedTest" the environment gives its initialisation back before each test and takes it again
+// after it.
 //
 // TestMain.cpp registers it in every test program (tests/CMakeLists.txt links that main).
 #pragma once
