@@ -139,8 +139,8 @@ cmd_coverage() {
   find "$dir" -name '*.gcda' -delete
   run_tests "$dir"
   # Exception landing pads and branches GCC proves dead are noise for a library that never throws.
-  local gcovr_args=(-r "$ROOT" --object-directory "$dir" -j "$JOBS" --exclude-throw-branches
-                    --exclude-unreachable-branches --txt /dev/null --print-summary)
+  local gcovr_args=(-r "$ROOT" --object-directory "$dir" --exclude-directories "$dir/CMakeFiles" -j "$JOBS"
+                    --exclude-throw-branches --exclude-unreachable-branches --txt /dev/null --print-summary)
   for part in src platform; do
     log "coverage of $part/"
     gcovr "${gcovr_args[@]}" --filter "$ROOT/$part/"
