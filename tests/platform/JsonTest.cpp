@@ -124,6 +124,9 @@ TEST(JsonTest, ErrorTextsNameTheOffendingOffset) {
   EXPECT_EQ(map.count("old"), 1u);
   ASSERT_TRUE(Json2Variant::Convert(std::string_view("{\"typ\":\"JWT\",\"exp\":5}"), map, &error)) << error;
   EXPECT_EQ(map, (kxVariantMapImpl{{"typ", "JWT"}, {"exp", 5}}));
+  std::string json;  // and back, from the map itself
+  ASSERT_TRUE(Json2Variant::Convert(map, json, &error)) << error;
+  EXPECT_EQ(json, "{\"exp\":5,\"typ\":\"JWT\"}");
 }
 
 TEST(JsonTest, ValuesWithoutJsonFormFailAndLeaveTheTextAlone) {

@@ -34,6 +34,9 @@ TEST_F(LogTest, RecordCarriesTypeLevelCategoryTextAndThread) {
   EXPECT_EQ(records_[0].text, "boom");
   EXPECT_EQ(records_[0].threadId, kx::kxLog::currentThreadId());
   EXPECT_GT(records_[0].timeMsSinceEpoch, 1600000000000LL);
+  EXPECT_EQ(kx::kxLogLevelOf(4), kx::kxLogLevel::Warning);
+  EXPECT_EQ(kx::kxLogLevelOf(6), kx::kxLogLevel::Information);
+  EXPECT_EQ(kx::kxLogLevelOf(42), kx::kxLogLevel::Debug);
   kx::kxLog::setEnabled(false);
   kx::kxLog::log(5, "url", "dropped");
   EXPECT_EQ(records_.size(), 1u);

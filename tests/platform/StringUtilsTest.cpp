@@ -57,6 +57,7 @@ TEST(StringUtilsTest, SplitAndJoin) {
   EXPECT_EQ(su::SplitSkipEmpty("/a//b/", '/'), (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(su::Join(std::set<std::string>{"b", "a"}, ",", "'"), "'a','b'");
   EXPECT_EQ(su::Join(std::list<std::string>{"x"}, ", "), "x");
+  EXPECT_EQ(su::Join(std::vector<std::string>{"a", "", "b"}, "/"), "a//b");
 }
 
 TEST(StringUtilsTest, ByteClassesAndEncodings) {

@@ -66,6 +66,7 @@ TEST(VariantTest, BoolAndDoubleConversions) {
   EXPECT_FALSE(kxVariant("0").toBool(&ok));
   EXPECT_TRUE(ok);
   EXPECT_FALSE(kxVariant("yes").toBool(&ok) || ok);
+  EXPECT_TRUE(kxVariant(int64_t{-1}).toBool() && kxVariant(0.5).toBool() && !kxVariant(0.0).toBool());
   EXPECT_DOUBLE_EQ(kxVariant(" 2.5 ").toDouble(&ok), 2.5);
   EXPECT_TRUE(ok);
   EXPECT_EQ(kxVariant("x").toDouble(&ok), 0.0);
@@ -99,6 +100,8 @@ TEST(VariantTest, AssignmentFromAChildAndEditsOfAnotherForm) {
   value.append("two");
   ASSERT_TRUE(value.isList());
   EXPECT_EQ(value.size(), 1u);
+  value.editString() = "s";
+  EXPECT_EQ(value, kxVariant("s"));
 }
 
 TEST(VariantTest, DeepNestingCopiesComparesAndDiesWithoutRecursion) {
@@ -185,6 +188,17 @@ TEST(VariantPathTest, SetPathCreatesMissingMapsButNeverOverwritesAScalar) {
   EXPECT_EQ(body, before);
   ASSERT_TRUE(body.setPath("", 7));
   EXPECT_EQ(body, kxVariant(7));
+}
+
+TEST(VariantPathTest, MapRootedHelpersReadAndWriteAPayload) {
+  kxVariantMapImpl payload{{"azp", "client"}, {"aud", kxVariantListImpl{"a", "b"}}};
+  kxVariant::EditPath(payload, "aud/0")->editString() = "z";
+  EXPECT_EQ(payload["aud"], kxVariant(kxVariantListImpl{"z", "b"}));
+  ASSERT_TRUE(kxVariant::SetPath(payload, "ext/roles", kxVariantListImpl{"admin"}));
+  EXPECT_EQ(kxVariant::GetPath(payload, "ext/roles/0")->getString(), "admin");
+  EXPECT_FALSE(kxVariant::SetPath(payload, "azp/x", 1));
+  EXPECT_FALSE(kxVariant::SetPath(payload, "aud/5", 1));
+  EXPECT_EQ(payload["azp"].getString(), "client");
 }
 
 }  // namespace
