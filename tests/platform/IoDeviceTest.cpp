@@ -1,28 +1,27 @@
-// The kxIoDevice contract shared by every device: sticky errors, direction checks, the read/write
-// gates and writeBackToDevice.
+// The kxIoDevice contract (sticky errors, direction checks, writeAll, writeBackToDevice) and the
+// in-memory devices.
 #include <kx/system/kxIoDevice.h>
 #include <kx/system/kxIoDeviceByteContainerReadOnly.h>
-#include <kx/system/kxIoDeviceByteCounter.h>
 #include <kx/system/kxIoDeviceByteVectorWriteOnly.h>
 #include <kx/system/kxIoDeviceNullWriteOnly.h>
 #include <kx/system/kxIoDeviceStringReadOnly.h>
 #include <kx/system/kxIoDeviceStringWriteOnly.h>
-#include <kx/system/kxLog.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace kx {
 namespace {
 
 constexpr size_t kNever = std::numeric_limits<size_t>::max();
+using SO = kxIoDeviceRandomAccess::SeekOrigin;
 
 // Every byte value, in an order where a shifted or repeated piece shows up as a mismatch.
 std::string PatternBytes(size_t size) {
@@ -31,8 +30,8 @@ std::string PatternBytes(size_t size) {
   return text;
 }
 
-// A source delivering at most `piece` bytes per read. At `failAt` bytes it either fails with "source
-// broke" or, when `stall` is set, keeps returning 0 without being at its end.
+// Delivers at most `piece` bytes per read; at `failAt` it fails with "source broke", or with `stall`
+// keeps returning 0 before its end.
 class ScriptedSource : public kxIoDevice {
  public:
   ScriptedSource(std::string text, size_t piece) : kxIoDevice(DW_Read), text_(std::move(text)), piece_(piece) {}
@@ -48,18 +47,16 @@ class ScriptedSource : public kxIoDevice {
     return n;
   }
   bool atEnd() const override { return position_ >= text_.size(); }
-  size_t position() const { return position_; }
   size_t failAt = kNever;
   bool stall = false;
 
  private:
   std::string text_;
-  size_t piece_;
-  size_t position_ = 0;
+  size_t piece_, position_ = 0;
 };
 
-// A sink accepting at most `piece` bytes per write. At `failAt` bytes it fails with "disk full", or,
-// when `silent` is set, just returns 0.
+// Accepts at most `piece` bytes per write; at `failAt` it fails with "disk full", or with `silent`
+// just returns 0.
 class ScriptedSink : public kxIoDevice {
  public:
   explicit ScriptedSink(size_t piece) : kxIoDevice(DW_Write), piece_(piece) {}
@@ -89,134 +86,62 @@ class BareDevice : public kxIoDevice {
   bool atEnd() const override { return false; }
 };
 
-TEST(IoDeviceStickyErrorTest, FirstTextWinsAndNothingMovesUntilCleared) {
+TEST(IoDeviceTest, FirstErrorTextWinsAndNothingMovesUntilCleared) {
   kxIoDeviceStringReadOnly source("abc");
   source.setDeviceError("first cause");
   source.setDeviceError("consequence");
-  EXPECT_FALSE(source.good());
   EXPECT_EQ(source.getDeviceErrorMsg(), "first cause");
-
   char buffer[8] = {};
   EXPECT_EQ(source.read(buffer, sizeof buffer), 0u);
   EXPECT_EQ(source.readBytes(buffer, sizeof buffer), 0u);  // the virtual slot honours it too
-  EXPECT_EQ(source.getPosition(), 0);
-
   source.clearDeviceError();
-  EXPECT_TRUE(source.good());
-  EXPECT_EQ(source.getDeviceErrorMsg(), "");
   ASSERT_EQ(source.read(buffer, sizeof buffer), 3u);
   EXPECT_EQ(std::string(buffer, 3), "abc");
-}
 
-TEST(IoDeviceStickyErrorTest, SinkKeepsItsContentOnceFailed) {
   kxIoDeviceStringWriteOnly sink;
   ASSERT_EQ(sink.write("ab", 2), 2u);
   sink.setDeviceError("stop");
-  EXPECT_EQ(sink.write("cd", 2), 0u);
   EXPECT_EQ(sink.writeBytes("cd", 2), 0u);
   EXPECT_FALSE(sink.writeAll("cd"));
   EXPECT_EQ(sink.getString(), "ab");
 }
 
-// Every device refuses the other direction with its text, and stays refused.
-struct DirectionCase {
-  std::string_view name;
-  std::function<std::unique_ptr<kxIoDevice>()> make;
-  std::string_view text;
-};
-void PrintTo(const DirectionCase& c, std::ostream* os) { *os << c.name; }
-
-class CountingReader : public kxIoDeviceByteCounter {
- public:
-  CountingReader() { beginDelegation(&source_, DW_Read); }
-  kxIoDeviceStringReadOnly source_{"abc"};
-};
-class CountingWriter : public kxIoDeviceByteCounter {
- public:
-  CountingWriter() { beginDelegation(&sink_, DW_Write); }
-  kxIoDeviceStringWriteOnly sink_;
-};
-
-const DirectionCase kDirectionCases[] = {
-    {"ByteContainer", [] { return std::make_unique<kxIoDeviceByteContainerReadOnly>("abc", 3); },
-     "write called on a read only device"},
-    {"StringReadOnly", [] { return std::make_unique<kxIoDeviceStringReadOnly>("abc"); },
-     "write called on a read only device"},
-    {"StringWriteOnly", [] { return std::make_unique<kxIoDeviceStringWriteOnly>(); },
-     "read called on a write only device"},
-    {"ByteVectorWriteOnly", [] { return std::make_unique<kxIoDeviceByteVectorWriteOnly>(); },
-     "read called on a write only device"},
-    {"NullWriteOnly", [] { return std::make_unique<kxIoDeviceNullWriteOnly>(); },
-     "read called on a write only device"},
-    {"BareReader", [] { return std::make_unique<BareDevice>(kxIoDevice::DW_Read); },
-     "write called on a read only device"},
-    {"BareWriter", [] { return std::make_unique<BareDevice>(kxIoDevice::DW_Write); },
-     "read called on a write only device"},
-    {"CounterReading", [] { return std::make_unique<CountingReader>(); },
-     "call write on a read delegation mode device"},
-    {"CounterWriting", [] { return std::make_unique<CountingWriter>(); },
-     "call read on a write delegation mode device"},
-};
-
-class IoDeviceDirectionTest : public testing::TestWithParam<DirectionCase> {
- protected:
-  // The delegating rows log their refusal; keep the test output clean.
-  void SetUp() override { kxLog::setSink([](const kxLogRecord&) {}); }
-  void TearDown() override { kxLog::setSink({}); }
-};
-
-TEST_P(IoDeviceDirectionTest, WrongWaySetsTextAndBlocksTheRightWay) {
-  auto device = GetParam().make();
+// A device refuses the other direction with its text, and stays refused. (Delegating devices have their
+// own texts: IoDeviceDelegableTest.)
+TEST(IoDeviceTest, WrongWaySetsTextAndBlocksTheRightWay) {
   char buffer[8] = {};
-  const bool reader = device->getDataWay() == kxIoDevice::DW_Read;
-  if (reader) {
-    EXPECT_EQ(device->write("x", 1), 0u);
-  } else {
-    EXPECT_EQ(device->read(buffer, sizeof buffer), 0u);
-  }
-  EXPECT_EQ(device->getDeviceErrorMsg(), GetParam().text);
-  if (reader) {
-    EXPECT_EQ(device->readBytes(buffer, sizeof buffer), 0u);
-  } else {
-    EXPECT_EQ(device->writeBytes("x", 1), 0u);
-  }
-  EXPECT_EQ(device->getDeviceErrorMsg(), GetParam().text);
+  kxIoDeviceByteContainerReadOnly reader("abc", 3);
+  EXPECT_EQ(reader.write("x", 1), 0u);
+  EXPECT_EQ(reader.getDeviceErrorMsg(), "write called on a read only device");
+  EXPECT_EQ(reader.read(buffer, sizeof buffer), 0u);
+  kxIoDeviceByteVectorWriteOnly writer;
+  EXPECT_EQ(writer.read(buffer, sizeof buffer), 0u);
+  EXPECT_EQ(writer.getDeviceErrorMsg(), "read called on a write only device");
+  EXPECT_EQ(writer.writeBytes("x", 1), 0u);
+  EXPECT_EQ(writer.getDeviceErrorMsg(), "read called on a write only device");
 }
 
-INSTANTIATE_TEST_SUITE_P(Devices, IoDeviceDirectionTest, testing::ValuesIn(kDirectionCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST(IoDeviceGateTest, BaseOperationsAndGatesReportMisuse) {
+TEST(IoDeviceTest, MisuseAndSilentRefusalHaveTexts) {
   BareDevice reader(kxIoDevice::DW_Read);
   char buffer[4];
   EXPECT_EQ(reader.read(buffer, sizeof buffer), 0u);
   EXPECT_EQ(reader.getDeviceErrorMsg(), "readBytes not implemented");
-
   BareDevice writer(kxIoDevice::DW_Write);
   EXPECT_EQ(writer.write("x", 1), 0u);
   EXPECT_EQ(writer.getDeviceErrorMsg(), "writeBytes not implemented");
-
-  BareDevice invalid(static_cast<kxIoDevice::DataWay>(3));
-  EXPECT_EQ(invalid.getDeviceErrorMsg(), "invalid data way");
+  EXPECT_EQ(BareDevice(static_cast<kxIoDevice::DataWay>(3)).getDeviceErrorMsg(), "invalid data way");
 
   kxIoDeviceStringReadOnly source("abc");
   EXPECT_EQ(source.read(nullptr, 0), 0u);
   EXPECT_TRUE(source.good());
   EXPECT_EQ(source.read(nullptr, 3), 0u);
   EXPECT_EQ(source.getDeviceErrorMsg(), "null buffer with a non-zero size");
-}
 
-TEST(IoDeviceGateTest, WriteAllRetriesPartialWritesAndNamesASilentRefusal) {
-  ScriptedSink sink(3);
-  const std::string text = PatternBytes(10);
-  EXPECT_TRUE(sink.writeAll(text));
-  EXPECT_EQ(sink.received, text);
-
-  ScriptedSink mute(3);
+  ScriptedSink mute(3);  // writeAll retries partial writes but not a write of nothing
   mute.failAt = 4;
   mute.silent = true;
-  EXPECT_FALSE(mute.writeAll(text));
-  EXPECT_EQ(mute.received, text.substr(0, 4));
+  EXPECT_FALSE(mute.writeAll(PatternBytes(10)));
+  EXPECT_EQ(mute.received, PatternBytes(4));
   EXPECT_EQ(mute.getDeviceErrorMsg(), "writeBytes accepted no data");
 }
 
@@ -231,7 +156,6 @@ struct CopyCase {
 void PrintTo(const CopyCase& c, std::ostream* os) { *os << c.name; }
 const CopyCase kCopyCases[] = {
     {"Empty", 0, 5, 3, 5},
-    {"ScratchOfOne", 300, 300, 1, 300},
     {"ScratchOfTwoOddLength", 301, 300, 2, 300},
     {"ScratchSmallerThanSourcePiece", 1000, 64, 7, 1000},
     {"SinkSmallerThanScratch", 1000, 1000, 64, 5},
@@ -253,7 +177,6 @@ TEST_P(IoDeviceWriteBackTest, CopiesEveryByteOnce) {
       << source.getDeviceErrorMsg();
   EXPECT_EQ(count, c.length);
   EXPECT_TRUE(sink.received == text);
-  EXPECT_TRUE(source.atEnd());
   if (c.scratchSize == 0) {
     EXPECT_EQ(scratch.size(), 16u * 1024u);
   }
@@ -262,79 +185,155 @@ TEST_P(IoDeviceWriteBackTest, CopiesEveryByteOnce) {
 INSTANTIATE_TEST_SUITE_P(Pieces, IoDeviceWriteBackTest, testing::ValuesIn(kCopyCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(IoDeviceWriteBackFailureTest, FailingSideKeepsItsTextAndCountStopsThere) {
-  const std::string text = PatternBytes(20);
-  std::vector<char> scratch(4);
-  size_t count = 0;
-  {
-    ScriptedSource source(text, 20);
+TEST(IoDeviceWriteBackTest, FailingSideKeepsItsTextAndCountStopsThere) {
+  struct Case {
+    size_t sinkFailAt, sourceFailAt;
+    bool silentSink, stallingSource;
+    size_t count;
+    std::string sourceText;
+  };
+  const Case cases[] = {
+      {5, kNever, false, false, 5, "writeBackToDevice target device error disk full"},
+      {5, kNever, true, false, 5, "writeBackToDevice target device error writeBytes accepted no data"},
+      {kNever, 6, false, false, 6, "source broke"},
+      {kNever, 6, false, true, 6, "writeBackToDevice source delivered no data before its end"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.sourceText);
+    ScriptedSource source(PatternBytes(20), 20);
+    source.failAt = c.sourceFailAt;
+    source.stall = c.stallingSource;
     ScriptedSink sink(3);
-    sink.failAt = 5;
+    sink.failAt = c.sinkFailAt;
+    sink.silent = c.silentSink;
+    std::vector<char> scratch(4);
+    size_t count = 0;
     EXPECT_FALSE(source.writeBackToDevice(sink, &count, &scratch));
-    EXPECT_EQ(count, 5u);
-    EXPECT_EQ(sink.getDeviceErrorMsg(), "disk full");
-    EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target device error disk full");
-  }
-  {
-    ScriptedSource source(text, 20);
-    ScriptedSink sink(20);
-    sink.failAt = 5;
-    sink.silent = true;
-    EXPECT_FALSE(source.writeBackToDevice(sink, &count, &scratch));
-    EXPECT_EQ(count, 5u);
-    EXPECT_EQ(sink.getDeviceErrorMsg(), "writeBytes accepted no data");
-    EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target device error writeBytes accepted no data");
-  }
-  {
-    ScriptedSource source(text, 20);
-    source.failAt = 6;
-    ScriptedSink sink(20);
-    EXPECT_FALSE(source.writeBackToDevice(sink, &count, &scratch));
-    EXPECT_EQ(count, 6u);
-    EXPECT_EQ(sink.received, text.substr(0, 6));
-    EXPECT_EQ(source.getDeviceErrorMsg(), "source broke");
-    EXPECT_TRUE(sink.good());
-  }
-  {
-    ScriptedSource source(text, 20);
-    source.failAt = 6;
-    source.stall = true;
-    ScriptedSink sink(20);
-    EXPECT_FALSE(source.writeBackToDevice(sink, &count, &scratch));
-    EXPECT_EQ(count, 6u);
-    EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice source delivered no data before its end");
+    EXPECT_EQ(count, c.count);
+    EXPECT_EQ(sink.received, PatternBytes(c.count));
+    EXPECT_EQ(source.getDeviceErrorMsg(), c.sourceText);
   }
 }
 
-TEST(IoDeviceWriteBackFailureTest, RefusesBeforeReadingWhenTheTargetCannotTakeIt) {
+TEST(IoDeviceWriteBackTest, RefusesBeforeReadingWhenTheTargetCannotTakeIt) {
+  kxIoDeviceStringReadOnly source("abc");
+  kxIoDeviceStringReadOnly notASink("x");
   size_t count = 99;
-  {
-    kxIoDeviceStringReadOnly source("abc");
-    kxIoDeviceStringReadOnly notASink("x");
-    EXPECT_FALSE(source.writeBackToDevice(notASink, &count));
-    EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target device is not writable");
-    EXPECT_EQ(source.getPosition(), 0);
-    EXPECT_EQ(count, 0u);
+  EXPECT_FALSE(source.writeBackToDevice(notASink, &count));
+  EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target device is not writable");
+  EXPECT_EQ(count, 0u);
+  source.clearDeviceError();
+  kxIoDeviceStringWriteOnly broken;
+  broken.setDeviceError("old failure");
+  EXPECT_FALSE(source.writeBackToDevice(broken));
+  EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target device error old failure");
+  EXPECT_EQ(source.getPosition(), 0);
+  source.clearDeviceError();
+  EXPECT_FALSE(source.writeBackToDevice(source));
+  EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target is the source device");
+}
+
+// Each row starts on "0123456789" at position 5, seeks, and reads what follows.
+struct SeekCase {
+  std::string_view name;
+  int64_t offset;
+  SO origin;
+  std::string_view next;   // bytes read after a successful seek
+  std::string_view error;  // empty: the seek succeeds
+};
+void PrintTo(const SeekCase& c, std::ostream* os) { *os << c.name; }
+const SeekCase kSeekCases[] = {
+    {"ToLastByte", 9, SO::SO_Begin, "9", ""},
+    {"ToEnd", 10, SO::SO_Begin, "", ""},
+    {"OnePastEnd", 11, SO::SO_Begin, "", "seek beyond the end of the device"},
+    {"Negative", -1, SO::SO_Begin, "", "seek to a negative position"},
+    {"BackFromCurrent", -2, SO::SO_Current, "3456789", ""},
+    {"PastEndFromCurrent", 6, SO::SO_Current, "", "seek beyond the end of the device"},
+    {"OverflowFromCurrent", std::numeric_limits<int64_t>::max(), SO::SO_Current, "", "seek position out of range"},
+    {"BackFromEnd", -3, SO::SO_End, "789", ""},
+    {"BeforeStartFromEnd", -11, SO::SO_End, "", "seek to a negative position"},
+};
+
+class IoDeviceByteContainerSeekTest : public testing::TestWithParam<SeekCase> {};
+
+TEST_P(IoDeviceByteContainerSeekTest, MovesWithinBoundsOnly) {
+  const SeekCase& c = GetParam();
+  kxIoDeviceByteContainerReadOnly device("0123456789", 10);
+  ASSERT_TRUE(device.seek(5));
+  EXPECT_EQ(device.seekFrom(c.offset, c.origin), c.error.empty());
+  EXPECT_EQ(device.getDeviceErrorMsg(), c.error);
+  if (!c.error.empty()) {
+    EXPECT_EQ(device.getPosition(), 5);  // a refused seek does not move
+    return;
   }
+  char buffer[16];
+  EXPECT_EQ(std::string_view(buffer, device.read(buffer, sizeof buffer)), c.next);
+  EXPECT_TRUE(device.atEnd());
+}
+
+INSTANTIATE_TEST_SUITE_P(Positions, IoDeviceByteContainerSeekTest, testing::ValuesIn(kSeekCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(IoDeviceMemoryTest, ByteContainerReadsInPiecesUpToTheExactEnd) {
+  // Sized exactly (no terminator) so the sanitizer catches a read past the last byte; the NUL in the
+  // middle catches a strlen slipping in.
+  const std::string text("01234\0" "6789", 10);
+  auto bytes = std::make_unique<char[]>(text.size());
+  std::memcpy(bytes.get(), text.data(), text.size());
+  kxIoDeviceByteContainerReadOnly device(bytes.get(), text.size());
+  std::string got;
+  char buffer[3];
+  while (!device.atEnd()) got.append(buffer, device.read(buffer, sizeof buffer));
+  EXPECT_EQ(got, text);
+  EXPECT_EQ(device.read(buffer, sizeof buffer), 0u);
+  EXPECT_TRUE(device.good());
+
+  kxIoDeviceByteContainerReadOnly null(nullptr, 4);
+  EXPECT_EQ(null.getDeviceErrorMsg(), "null data with a non-zero size");
+  null.setData("xy", 2);  // rebinding starts afresh
+  ASSERT_EQ(null.read(buffer, 3), 2u);
+  EXPECT_EQ(std::string(buffer, 2), "xy");
+}
+
+TEST(IoDeviceMemoryTest, StringSourceOwnsItsText) {
+  std::unique_ptr<kxIoDeviceStringReadOnly> device;
   {
-    kxIoDeviceStringReadOnly source("abc");
-    kxIoDeviceStringWriteOnly broken;
-    broken.setDeviceError("old failure");
-    EXPECT_FALSE(source.writeBackToDevice(broken));
-    EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target device error old failure");
-    EXPECT_EQ(source.getPosition(), 0);
+    std::string text(100, 'a');  // beyond any short-string buffer
+    device = std::make_unique<kxIoDeviceStringReadOnly>(text);
+    text.assign(100, 'b');
   }
-  {
-    kxIoDeviceStringReadOnly source("abc");
-    EXPECT_FALSE(source.writeBackToDevice(source));
-    EXPECT_EQ(source.getDeviceErrorMsg(), "writeBackToDevice target is the source device");
-  }
-  {
-    kxIoDeviceStringWriteOnly notASource;
-    kxIoDeviceStringWriteOnly sink;
-    EXPECT_FALSE(notASource.writeBackToDevice(sink));
-    EXPECT_EQ(notASource.getDeviceErrorMsg(), "read called on a write only device");
-  }
+  char buffer[200];
+  ASSERT_EQ(device->read(buffer, sizeof buffer), 100u);
+  EXPECT_EQ(std::string(buffer, 100), std::string(100, 'a'));
+  device->setDeviceError("done");
+  device->setString("next");
+  ASSERT_EQ(device->read(buffer, sizeof buffer), 4u);
+  EXPECT_EQ(std::string(buffer, 4), "next");
+}
+
+TEST(IoDeviceMemoryTest, SinksAppendWithinTheirCap) {
+  std::string target = "pre:";
+  kxIoDeviceStringWriteOnly sink(target);
+  sink.setMaxSize(8);  // counts the 4 bytes already there
+  EXPECT_EQ(sink.write("abc", 3), 3u);
+  EXPECT_EQ(sink.write("de", 2), 0u);  // 9 > 8: refused whole
+  EXPECT_EQ(sink.getDeviceErrorMsg(), "write exceeds the maximum size of the device");
+  EXPECT_EQ(sink.takeString(), "pre:abc");
+  EXPECT_EQ(target, "");
+
+  std::vector<char> bytes = {'x'};
+  kxIoDeviceByteVectorWriteOnly vector(bytes);
+  vector.setMaxSize(4);
+  EXPECT_EQ(vector.write("\0\1\2", 3), 3u);
+  EXPECT_EQ(vector.write("\3", 1), 0u);
+  EXPECT_EQ(vector.getDeviceErrorMsg(), "write exceeds the maximum size of the device");
+  EXPECT_EQ(vector.takeBytes(), (std::vector<char>{'x', '\0', '\1', '\2'}));
+  EXPECT_TRUE(bytes.empty());
+
+  kxIoDeviceStringReadOnly source(std::string(5000, 'z'));
+  kxIoDeviceNullWriteOnly discard;
+  ASSERT_TRUE(source.writeBackToDevice(discard));
+  EXPECT_EQ(discard.getByteCount(), 5000u);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <thread>
 
 namespace {
 
@@ -20,28 +19,10 @@ TEST(kxTimeTest, ClocksHaveTheirUnitsAndOrigins) {
   const int64_t afterMs = realtimeMs();
   EXPECT_GE(seconds, beforeMs / 1000);
   EXPECT_LE(seconds, afterMs / 1000);
-  // Milliseconds, not microseconds or seconds.
-  EXPECT_GE(ms, beforeMs);
+  EXPECT_GE(ms, beforeMs);  // milliseconds, not microseconds or seconds
   EXPECT_LE(ms, afterMs);
-}
-
-TEST(kxTimeTest, TimeBaseIsMonotonicAndNeverSetComesFirst) {
-  int64_t last = kx::GetTimeBaseMs();
-  EXPECT_GT(last, kx::kTimeNeverSet);
-  EXPECT_GT(last, 0);
-  for (int i = 0; i < 10000; ++i) {
-    const int64_t now = kx::GetTimeBaseMs();
-    ASSERT_GE(now, last);
-    last = now;
-  }
-}
-
-TEST(kxTimeTest, IdealThreadCountIsBetweenOneAndTheMachine) {
-  const unsigned int n = kx::GetIdealThreadCount();
-  EXPECT_GE(n, 1u);
-  if (std::thread::hardware_concurrency() > 0) {
-    EXPECT_LE(n, std::thread::hardware_concurrency());
-  }
+  EXPECT_GT(kx::GetTimeBaseMs(), kx::kTimeNeverSet);
+  EXPECT_GE(kx::GetIdealThreadCount(), 1u);
 }
 
 }  // namespace

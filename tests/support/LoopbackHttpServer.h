@@ -91,18 +91,17 @@ struct LoopbackHttpServerOptions {
   enum class Tls {
     kOff,                       // plain HTTP
     kOn,                        // HTTPS, no client certificate asked for
-    kOptionalClientCertificate,  // HTTPS, a client certificate is asked for and verified if sent
     kRequireClientCertificate,  // HTTPS, the handshake fails without a certificate from the test CA
   };
   Tls tls = Tls::kOff;
   bool wrongNameCertificate = false;  // present the certificate for "wrong-name.invalid"
   bool ipv6 = false;                  // listen on [::1] instead of 127.0.0.1
-  bool builtInRoutes = true;
   // An idle keep-alive connection is closed by the server after this long.
   std::chrono::milliseconds keepAliveTimeout{10000};
   // Requests served on one connection before the server answers "Connection: close"; 0 = no limit.
   size_t keepAliveMaxRequests = 0;
-  // Limit for each read and write once a request has begun.
+  // Limit for each read and write once a request has begun (a short one ends a TLS handshake that a
+  // plain server waits on for a request line that never comes).
   std::chrono::milliseconds ioTimeout{5000};
 };
 
@@ -135,9 +134,7 @@ class LoopbackHttpServer {
   LoopbackHttpServer& Head(const std::string& pattern, Handler handler);
   LoopbackHttpServer& Post(const std::string& pattern, Handler handler);
   LoopbackHttpServer& Put(const std::string& pattern, Handler handler);
-  LoopbackHttpServer& Patch(const std::string& pattern, Handler handler);
   LoopbackHttpServer& Delete(const std::string& pattern, Handler handler);
-  LoopbackHttpServer& Options(const std::string& pattern, Handler handler);
   LoopbackHttpServer& Any(const std::string& pattern, Handler handler);
   // Forgets the routes tests registered (built-in routes stay).
   void clearRoutes();

@@ -19,10 +19,11 @@
 
 namespace kx::test {
 
-const char* const RawTcpFaultServer::kDefaultCannedResponse =
-    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 1000\r\n\r\npartial body";
-
 namespace {
+
+// What the partial modes send: a response that announces 1000 bytes and delivers 12.
+constexpr char kCannedResponse[] =
+    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 1000\r\n\r\npartial body";
 
 constexpr int kHeadTimeoutMs = 5000;
 
@@ -123,14 +124,6 @@ class RawTcpFaultServer::Impl {
     return false;
   }
 
-  void setMode(Mode mode) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (mode_ != Mode::kRefuse && mode != Mode::kRefuse) mode_ = mode;
-  }
-  void setCanned(std::string bytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    canned_ = std::move(bytes);
-  }
   uint64_t accepted() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return accepted_;
@@ -285,7 +278,7 @@ class RawTcpFaultServer::Impl {
   mutable std::mutex mutex_;
   mutable std::condition_variable cv_;
   Mode mode_;
-  std::string canned_ = kDefaultCannedResponse;
+  const std::string canned_ = kCannedResponse;
   uint64_t accepted_ = 0;
   std::vector<std::string> heads_;
   std::vector<std::string> bodies_;
@@ -306,8 +299,6 @@ uint16_t RawTcpFaultServer::port() const { return impl_->port_; }
 std::string RawTcpFaultServer::url(std::string_view path) const {
   return "http://127.0.0.1:" + std::to_string(impl_->port_) + std::string(path);
 }
-void RawTcpFaultServer::setMode(Mode mode) { impl_->setMode(mode); }
-void RawTcpFaultServer::setCannedResponse(std::string bytes) { impl_->setCanned(std::move(bytes)); }
 uint64_t RawTcpFaultServer::acceptedConnections() const { return impl_->accepted(); }
 std::vector<std::string> RawTcpFaultServer::requestHeads() const { return impl_->heads(); }
 std::vector<std::string> RawTcpFaultServer::requestBodies() const { return impl_->bodies(); }

@@ -5,12 +5,13 @@
 //   kRefuse                       nothing listens: the port is bound, never          CURLE_COULDNT_CONNECT (7)
 //                                 listened on, so connect() is refused
 //   kAcceptAndClose               request read, then an orderly close, no byte       CURLE_GOT_NOTHING (52)
-//   kResetAfterPartialResponse    request read, cannedResponse() sent, then a reset  CURLE_RECV_ERROR (56)
-//                                 (RST) in the middle of the body
-//   kPartialResponse              request read, cannedResponse() sent (a head that   CURLE_PARTIAL_FILE (18)
-//                                 promises more body than follows), then closed
+//   kResetAfterPartialResponse    request read, the partial response sent, then a    CURLE_RECV_ERROR (56)
+//                                 reset (RST) in the middle of the body
+//   kPartialResponse              request read, a head announcing 1000 bytes and     CURLE_PARTIAL_FILE (18)
+//                                 the 12 bytes "partial body" sent, then closed
 //   kStall                        request read, then silence, connection held        CURLE_OPERATION_TIMEDOUT (28)
-//   kStallAfterPartialResponse    request read, cannedResponse() sent, then silence  once the low-speed limit fires
+//   kStallAfterPartialResponse    request read, the same partial response, then      once the low-speed limit fires
+//                                 silence
 //   kAnswerAfterBody              request and its body (Content-Length or chunked)   CURLE_OK, status 200
 //                                 read, "200 ok" sent, closed; never a "100 Continue"
 //
@@ -26,8 +27,7 @@
 // "Request read" means: up to the blank line ending the head, the client's close, or 5 s, whichever
 // comes first (a TLS client never sends a blank line; it gets the misbehaviour after 5 s).
 //
-// Thread-safety: thread-safe. One thread per connection; setMode() applies to connections accepted
-// after it.
+// Thread-safety: thread-safe. One thread per connection.
 // Ownership: the destructor wakes every connection thread, closes all sockets and joins the threads at
 // once, stalled connections included.
 #pragma once
@@ -53,9 +53,6 @@ class RawTcpFaultServer {
     kAnswerAfterBody,
   };
 
-  // "HTTP/1.1 200 OK", a Content-Length of 1000 and the 12 bytes "partial body".
-  static const char* const kDefaultCannedResponse;
-
   explicit RawTcpFaultServer(Mode mode);
   ~RawTcpFaultServer();
   RawTcpFaultServer(const RawTcpFaultServer&) = delete;
@@ -66,12 +63,6 @@ class RawTcpFaultServer {
 
   uint16_t port() const;
   std::string url(std::string_view path) const;  // "http://127.0.0.1:<port>" + path
-
-  // Changes the behaviour for later connections. A kRefuse server stays refusing, and a listening one
-  // cannot start refusing.
-  void setMode(Mode mode);
-  // Bytes sent by the partial modes.
-  void setCannedResponse(std::string bytes);
 
   uint64_t acceptedConnections() const;
   // The request head (up to its blank line) each connection sent, in the order of acceptance.

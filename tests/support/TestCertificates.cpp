@@ -212,15 +212,10 @@ TestCertificates::TestCertificates() {
   dir_ = MakeTemporaryDirectory();
   try {
     WriteFile(caCertificatePath(), caCertPem_);
-    WriteFile(serverCertificatePath(), serverCertPem_);
-    WriteFile(serverKeyPath(), serverKeyPem_);
-    WriteFile(wrongNameCertificatePath(), wrongNameCertPem_);
-    WriteFile(wrongNameKeyPath(), wrongNameKeyPem_);
     WriteFile(clientCertificatePath(), clientCertPem_);
     WriteFile(clientKeyPath(), clientKeyPem_);
     WriteFile(clientKeyEncryptedPath(), clientKeyEncryptedPem_);
     WriteFile(clientP12Path(), clientP12_);
-    WriteFile(clientP12EmptyPassphrasePath(), clientP12EmptyPass_);
   } catch (...) {
     std::error_code ignored;
     std::filesystem::remove_all(dir_, ignored);

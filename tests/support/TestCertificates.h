@@ -59,18 +59,13 @@ class TestCertificates {
   // Subject of the client certificate as OpenSSL prints it in one line ("CN=kx test client,O=kx test").
   static constexpr const char* kClientSubject = "CN=kx test client,O=kx test";
 
-  // Files in directory() with the same contents as the members above.
-  const std::string& directory() const { return dir_; }
+  // Files in a private temporary directory with the same contents as the members above (the CA and the
+  // client material: what the client side of a TLS test reads from files).
   std::string caCertificatePath() const { return dir_ + "/ca.pem"; }
-  std::string serverCertificatePath() const { return dir_ + "/server.pem"; }
-  std::string serverKeyPath() const { return dir_ + "/server-key.pem"; }
-  std::string wrongNameCertificatePath() const { return dir_ + "/wrong-name.pem"; }
-  std::string wrongNameKeyPath() const { return dir_ + "/wrong-name-key.pem"; }
   std::string clientCertificatePath() const { return dir_ + "/client.pem"; }
   std::string clientKeyPath() const { return dir_ + "/client-key.pem"; }
   std::string clientKeyEncryptedPath() const { return dir_ + "/client-key-encrypted.pem"; }
   std::string clientP12Path() const { return dir_ + "/client.p12"; }
-  std::string clientP12EmptyPassphrasePath() const { return dir_ + "/client-empty-pass.p12"; }
 
  private:
   std::string dir_;
