@@ -27,7 +27,7 @@ command -v valgrind >/dev/null || { echo "valgrind is needed (Debian package val
 
 cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS=-g -DKX_BUILD_BENCH=ON \
   -DKX_HEADER_CHECK=OFF >/dev/null
-cmake --build "$BUILD" -j2 --target http_profile >/dev/null
+ninja -C "$BUILD" http_profile >/dev/null
 mkdir -p "$OUT"
 
 run() {  # side body: one callgrind run; its part 2 holds the counted requests only
