@@ -34,13 +34,6 @@ std::vector<kxLogRecord> LogCapture::records() const {
   return state_->records;
 }
 
-std::vector<std::string> LogCapture::texts() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  std::vector<std::string> out;
-  for (const auto& record : state_->records) out.push_back(record.text);
-  return out;
-}
-
 std::vector<std::string> LogCapture::texts(std::string_view category) const {
   std::lock_guard<std::mutex> lock(state_->mutex);
   std::vector<std::string> out;
@@ -71,11 +64,6 @@ std::string LogCapture::dump() const {
     out += std::to_string(record.type) + " [" + record.category + "] " + record.text + "\n";
   }
   return out;
-}
-
-void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->records.clear();
 }
 
 }  // namespace kx::test

@@ -33,8 +33,7 @@ class LogCapture {
 
   // All records in arrival order.
   std::vector<kxLogRecord> records() const;
-  // Texts of all records, or of the records of one category, in arrival order.
-  std::vector<std::string> texts() const;
+  // Texts of the records of one category, in arrival order.
   std::vector<std::string> texts(std::string_view category) const;
   // Whether some record's text is exactly text / contains fragment; how many texts equal text.
   bool contains(std::string_view text) const;
@@ -42,8 +41,6 @@ class LogCapture {
   size_t count(std::string_view text) const;
   // Every record as "<type> [<category>] <text>", one per line: handy as a failure message.
   std::string dump() const;
-
-  void clear();
 
  private:
   struct State;

@@ -31,14 +31,8 @@ void AddBuiltInRoutes(const AddRoute& add, const WaitForStop& waitForStop) {
     res.set_content(req.body, type.empty() ? "application/octet-stream" : type);
   });
   add("", "/status/(\\d{3})", [](const httplib::Request& req, httplib::Response& res) {
-    int status = std::stoi(req.matches[1].str());
-    if (status < 200) {
-      res.status = 400;
-      res.set_content("interim statuses cannot be final\n", "text/plain");
-      return;
-    }
+    const int status = std::stoi(req.matches[1].str());
     res.status = status;
-    if (status == 204 || status == 304) return;
     if (req.has_param("size")) {
       res.set_content(LoopbackHttpServer::PatternBytes(QueryNumber(req, "size", 0)), "text/plain");
     } else {
@@ -51,15 +45,10 @@ void AddBuiltInRoutes(const AddRoute& add, const WaitForStop& waitForStop) {
       res.set_content("redirect chain end\n", "text/plain");
       return;
     }
-    res.status = static_cast<int>(QueryNumber(req, "status", 302));
+    res.status = 302;
     res.set_header("Location", "/redirect/" + std::to_string(remaining - 1) + QueryOf(req));
   });
   add("", "/redirect-to", [](const httplib::Request& req, httplib::Response& res) {
-    if (!req.has_param("url")) {
-      res.status = 400;
-      res.set_content("missing url parameter\n", "text/plain");
-      return;
-    }
     res.status = static_cast<int>(QueryNumber(req, "status", 302));
     res.set_header("Location", req.get_param_value("url"));
   });
@@ -72,13 +61,12 @@ void AddBuiltInRoutes(const AddRoute& add, const WaitForStop& waitForStop) {
   });
   add("GET", "/slow", [waitForStop](const httplib::Request& req, httplib::Response& res) {
     size_t total = QueryNumber(req, "bytes", 1000000);
-    size_t chunk = std::max<size_t>(1, QueryNumber(req, "chunk", 1));
     auto interval = std::chrono::milliseconds(QueryNumber(req, "intervalMs", 100));
     // application/octet-stream: cpp-httplib never compresses it, so the pace is the wire's.
     res.set_content_provider(total, "application/octet-stream",
-                             [waitForStop, chunk, interval](size_t offset, size_t length, httplib::DataSink& sink) {
+                             [waitForStop, interval](size_t offset, size_t, httplib::DataSink& sink) {
                                if (offset > 0 && waitForStop(interval)) return false;
-                               std::string data = LoopbackHttpServer::PatternBytes(std::min(chunk, length), offset);
+                               std::string data = LoopbackHttpServer::PatternBytes(1, offset);
                                return sink.write(data.data(), data.size());
                              });
   });

@@ -1,7 +1,5 @@
 #include "support/LoopbackConnection.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <openssl/err.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -30,20 +28,6 @@ int WaitFor(int fd, short events, int timeoutMs) {
     r = ::poll(&p, 1, timeoutMs);
   } while (r < 0 && errno == EINTR);
   return r;
-}
-
-void DescribeAddress(const sockaddr_storage& address, std::string& ip, int& port) {
-  char text[INET6_ADDRSTRLEN] = {};
-  if (address.ss_family == AF_INET) {
-    const auto& in = reinterpret_cast<const sockaddr_in&>(address);
-    ::inet_ntop(AF_INET, &in.sin_addr, text, sizeof(text));
-    port = ntohs(in.sin_port);
-  } else if (address.ss_family == AF_INET6) {
-    const auto& in6 = reinterpret_cast<const sockaddr_in6&>(address);
-    ::inet_ntop(AF_INET6, &in6.sin6_addr, text, sizeof(text));
-    port = ntohs(in6.sin6_port);
-  }
-  ip = text;
 }
 
 }  // namespace
@@ -128,24 +112,11 @@ ssize_t ConnectionStream::write(const char* ptr, size_t size) {
   return static_cast<ssize_t>(size);
 }
 
-void ConnectionStream::get_remote_ip_and_port(std::string& ip, int& port) const {
-  sockaddr_storage address{};
-  socklen_t length = sizeof(address);
-  if (::getpeername(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) DescribeAddress(address, ip, port);
-}
-
-void ConnectionStream::get_local_ip_and_port(std::string& ip, int& port) const {
-  sockaddr_storage address{};
-  socklen_t length = sizeof(address);
-  if (::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) DescribeAddress(address, ip, port);
-}
-
 bool ConnectionStream::hasBufferedData() const { return available() > 0 || (ssl_ && SSL_pending(ssl_) > 0); }
 
 bool ConnectionStream::readRequestHead() {
   capturedBody_.clear();
   hasCapturedBody_ = false;
-  expectAnswered_ = false;
   buffer_.erase(0, pos_);
   pos_ = 0;
 
@@ -169,7 +140,6 @@ bool ConnectionStream::readRequestHead() {
 
   bool chunked = false;
   unsigned long long contentLength = 0;
-  size_t expectBegin = std::string::npos, expectEnd = 0;
   for (size_t lineBegin = head.find("\r\n") + 2; lineBegin < headEnd - 2;) {
     size_t lineEnd = head.find("\r\n", lineBegin);
     std::string_view line = head.substr(lineBegin, lineEnd - lineBegin);
@@ -182,24 +152,11 @@ bool ConnectionStream::readRequestHead() {
       } else if (EqualsIgnoreCase(name, "Transfer-Encoding")) {
         std::transform(value.begin(), value.end(), value.begin(), [](unsigned char c) { return std::tolower(c); });
         chunked = value.find("chunked") != std::string::npos;
-      } else if (EqualsIgnoreCase(name, "Expect") && EqualsIgnoreCase(value, "100-continue")) {
-        expectBegin = lineBegin;
-        expectEnd = lineEnd + 2;
       }
     }
     lineBegin = lineEnd + 2;
   }
   if (!chunked && contentLength == 0) return true;
-
-  if (expectBegin != std::string::npos) {
-    // Answer now: the body is read before cpp-httplib sees the request. The header line goes, or
-    // cpp-httplib would send a second interim response.
-    static constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
-    if (write(kContinue, sizeof(kContinue) - 1) < 0) return false;
-    buffer_.erase(expectBegin, expectEnd - expectBegin);
-    headEnd -= expectEnd - expectBegin;
-    expectAnswered_ = true;
-  }
 
   size_t bodyEnd = headEnd;
   if (chunked) {

@@ -56,8 +56,9 @@ class ConnectionStream final : public httplib::Stream {
   bool is_writable() const override;
   ssize_t read(char* ptr, size_t size) override;
   ssize_t write(const char* ptr, size_t size) override;
-  void get_remote_ip_and_port(std::string& ip, int& port) const override;
-  void get_local_ip_and_port(std::string& ip, int& port) const override;
+  // The records carry no addresses, so cpp-httplib is told none.
+  void get_remote_ip_and_port(std::string&, int&) const override {}
+  void get_local_ip_and_port(std::string&, int&) const override {}
   socket_t socket() const override { return fd_; }
 
   bool hasBufferedData() const;
@@ -69,8 +70,6 @@ class ConnectionStream final : public httplib::Stream {
     hasCapturedBody_ = false;
     return std::move(capturedBody_);
   }
-  // Whether readRequestHead() answered "Expect: 100-continue" itself (and took the header line out).
-  bool expectAnswered() const { return expectAnswered_; }
 
  private:
   size_t available() const { return buffer_.size() - pos_; }
@@ -88,7 +87,6 @@ class ConnectionStream final : public httplib::Stream {
   size_t pos_ = 0;
   std::string capturedBody_;
   bool hasCapturedBody_ = false;
-  bool expectAnswered_ = false;
 };
 
 // The server side of TLS for the options (certificate, client certificate checks); nullptr with error
@@ -97,8 +95,7 @@ SSL_CTX* MakeTlsContext(const LoopbackHttpServerOptions& options, std::string& e
 // Subject of the peer's certificate in RFC 2253 form when it was sent and verified, else "".
 std::string PeerSubject(SSL* ssl);
 
-// The request headers as the client sent them (cpp-httplib's address pseudo-headers left out, an
-// "Expect: 100-continue" the connection answered itself put back).
+// The request headers as the client sent them (cpp-httplib's address pseudo-headers left out).
 std::vector<std::pair<std::string, std::string>> ReceivedHeaders(const httplib::Request& req);
 
 using AddRoute = std::function<void(const char* method, const char* pattern, LoopbackHttpServer::Handler)>;

@@ -4,6 +4,8 @@
 
 #include "support/LoopbackConnection.h"
 
+#include <gtest/gtest.h>
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
@@ -20,9 +22,9 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <mutex>
 #include <regex>
+#include <set>
 #include <thread>
 
 namespace kx::test {
@@ -31,18 +33,9 @@ using namespace loopback;
 
 namespace {
 
-// Limit for each read and write once a request has begun.
-
-// What the connection loop knows about the request being served, for the record. The handler runs on the
-// connection's own thread, so a thread-local pointer reaches it without any lock.
-struct RequestContext {
-  uint64_t connectionId = 0;
-  size_t index = 0;
-  bool tls = false;
-  std::string clientSubject;
-  bool expectAnswered = false;
-};
-thread_local RequestContext* tRequestContext = nullptr;
+// The verified client certificate's subject of the connection being served, for the record. The handler
+// runs on the connection's own thread, so a thread-local pointer reaches it without any lock.
+thread_local const std::string* tClientSubject = nullptr;
 
 }  // namespace
 
@@ -54,7 +47,6 @@ std::vector<std::pair<std::string, std::string>> loopback::ReceivedHeaders(const
       headers.emplace_back(name, value);
     }
   }
-  if (tRequestContext && tRequestContext->expectAnswered) headers.emplace_back("Expect", "100-continue");
   return headers;
 }
 
@@ -145,7 +137,7 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
     {
       std::lock_guard<std::mutex> lock(connMutex_);
       closing_ = true;
-      for (const auto& entry : open_) ::shutdown(entry.first, SHUT_RDWR);
+      for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
     }
     if (wakeFd_ >= 0) {
       uint64_t one = 1;
@@ -169,51 +161,18 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
     (builtIn ? builtInRoutes_ : userRoutes_).push_back(std::move(route));
   }
 
-  void clearRoutes() {
-    std::lock_guard<std::mutex> lock(routeMutex_);
-    userRoutes_.clear();
-  }
-
-  std::vector<RecordedRequest> records() const {
-    std::lock_guard<std::mutex> lock(recordMutex_);
-    return records_;
-  }
-  size_t recordCount() const {
-    std::lock_guard<std::mutex> lock(recordMutex_);
-    return records_.size();
-  }
-  RecordedRequest lastRecord() const {
-    std::lock_guard<std::mutex> lock(recordMutex_);
-    return records_.empty() ? RecordedRequest() : records_.back();
-  }
-  bool waitForRecords(size_t count, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(recordMutex_);
-    return recordCv_.wait_for(lock, timeout, [&] { return records_.size() >= count; });
-  }
-  void clearRecords() {
-    std::lock_guard<std::mutex> lock(recordMutex_);
-    records_.clear();
-  }
-
-  uint64_t accepted() const {
-    std::lock_guard<std::mutex> lock(connMutex_);
-    return accepted_;
-  }
-  size_t openCount() const {
-    std::lock_guard<std::mutex> lock(connMutex_);
-    return open_.size();
-  }
-  size_t closeAll() {
-    // Under the lock a connection thread cannot close its descriptor, so the number shut down here is
-    // still the connection's and not a descriptor the process reused meanwhile.
-    std::lock_guard<std::mutex> lock(connMutex_);
-    for (const auto& entry : open_) ::shutdown(entry.first, SHUT_RDWR);
-    return open_.size();
-  }
-
   LoopbackHttpServerOptions options_;
   std::string startError_;
   uint16_t port_ = 0;
+
+  mutable std::mutex recordMutex_;
+  mutable std::condition_variable recordCv_;
+  std::vector<RecordedRequest> records_;
+
+  mutable std::mutex connMutex_;
+  std::set<int> open_;  // descriptors of the open connections
+  uint64_t accepted_ = 0;
+  bool closing_ = false;
 
  private:
   struct Route {
@@ -223,7 +182,7 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
   };
 
   bool process_and_close_socket(socket_t sock) override {
-    RequestContext context;
+    std::string clientSubject;
     {
       std::lock_guard<std::mutex> lock(connMutex_);
       if (closing_) {
@@ -231,8 +190,8 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
         ::close(sock);
         return false;
       }
-      context.connectionId = ++accepted_;
-      open_.emplace(sock, context.connectionId);
+      ++accepted_;
+      open_.insert(sock);
     }
     const int ioTimeoutMs = ToPollTimeout(options_.ioTimeout);
     // Bounds the blocking TLS handshake for a client that connects and never speaks.
@@ -247,11 +206,10 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
     SSL* ssl = nullptr;
     bool ready = true;
     if (ctx_) {
-      context.tls = true;
       ssl = SSL_new(ctx_);
       ERR_clear_error();
       ready = ssl && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1;
-      if (ready) context.clientSubject = PeerSubject(ssl);
+      if (ready) clientSubject = PeerSubject(ssl);
       ERR_clear_error();
     }
 
@@ -263,13 +221,11 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
         bool last = (options_.keepAliveMaxRequests != 0 && served + 1 >= options_.keepAliveMaxRequests) ||
                     isStopping();
         bool closedByClient = false;
-        context.index = served;
-        context.expectAnswered = stream.expectAnswered();
-        tRequestContext = &context;
+        tClientSubject = &clientSubject;
         result = process_request(stream, last, closedByClient, [&stream](httplib::Request& req) {
           if (stream.hasCapturedBody()) req.body = stream.takeCapturedBody();
         });
-        tRequestContext = nullptr;
+        tClientSubject = nullptr;
         if (!result || closedByClient || last) break;
       }
     }
@@ -305,19 +261,10 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
   void dispatch(const httplib::Request& req, httplib::Response& res) {
     RecordedRequest record;
     record.method = req.method;
-    record.target = req.target;
     record.path = req.path;
-    record.version = req.version;
     record.headers = ReceivedHeaders(req);
     record.body = req.body;
-    record.remoteAddress = req.remote_addr;
-    record.remotePort = req.remote_port;
-    if (tRequestContext) {
-      record.connectionId = tRequestContext->connectionId;
-      record.indexOnConnection = tRequestContext->index;
-      record.tls = tRequestContext->tls;
-      record.clientCertificateSubject = tRequestContext->clientSubject;
-    }
+    if (tClientSubject) record.clientCertificateSubject = *tClientSubject;
     {
       std::lock_guard<std::mutex> lock(recordMutex_);
       records_.push_back(std::move(record));
@@ -365,15 +312,6 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
   mutable std::mutex routeMutex_;
   std::vector<std::shared_ptr<const Route>> userRoutes_;
   std::vector<std::shared_ptr<const Route>> builtInRoutes_;
-
-  mutable std::mutex recordMutex_;
-  mutable std::condition_variable recordCv_;
-  std::vector<RecordedRequest> records_;
-
-  mutable std::mutex connMutex_;
-  std::map<int, uint64_t> open_;  // descriptor -> connection id
-  uint64_t accepted_ = 0;
-  bool closing_ = false;
 };
 std::string RecordedRequest::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
@@ -408,61 +346,56 @@ LoopbackHttpServer::LoopbackHttpServer(LoopbackHttpServerOptions options) {
     impl_ = std::make_unique<Impl>(std::move(options));
     ::sigaction(SIGPIPE, &previous, nullptr);
   }
-  impl_->start();
+  if (!impl_->start()) ADD_FAILURE() << "LoopbackHttpServer did not start: " << impl_->startError_;
 }
 
 LoopbackHttpServer::~LoopbackHttpServer() = default;
 
-bool LoopbackHttpServer::isRunning() const { return impl_->startError_.empty() && impl_->port_ != 0; }
-const std::string& LoopbackHttpServer::startError() const { return impl_->startError_; }
 uint16_t LoopbackHttpServer::port() const { return impl_->port_; }
-std::string LoopbackHttpServer::host() const { return impl_->options_.ipv6 ? "[::1]" : "127.0.0.1"; }
-std::string LoopbackHttpServer::scheme() const {
-  return impl_->options_.tls == LoopbackHttpServerOptions::Tls::kOff ? "http" : "https";
+std::string LoopbackHttpServer::url(std::string_view path) const {
+  return urlWithHost(impl_->options_.ipv6 ? "[::1]" : "127.0.0.1", path);
 }
-std::string LoopbackHttpServer::baseUrl() const { return urlWithHost(host(), ""); }
-std::string LoopbackHttpServer::url(std::string_view path) const { return urlWithHost(host(), path); }
 std::string LoopbackHttpServer::urlWithHost(std::string_view hostName, std::string_view path) const {
-  return scheme() + "://" + std::string(hostName) + ":" + std::to_string(port()) + std::string(path);
+  const bool tls = impl_->options_.tls != LoopbackHttpServerOptions::Tls::kOff;
+  return (tls ? "https://" : "http://") + std::string(hostName) + ":" + std::to_string(port()) + std::string(path);
 }
 
 LoopbackHttpServer& LoopbackHttpServer::Get(const std::string& pattern, Handler handler) {
   impl_->addRoute("GET", pattern, std::move(handler));
   return *this;
 }
-LoopbackHttpServer& LoopbackHttpServer::Head(const std::string& pattern, Handler handler) {
-  impl_->addRoute("HEAD", pattern, std::move(handler));
-  return *this;
-}
-LoopbackHttpServer& LoopbackHttpServer::Post(const std::string& pattern, Handler handler) {
-  impl_->addRoute("POST", pattern, std::move(handler));
-  return *this;
-}
-LoopbackHttpServer& LoopbackHttpServer::Put(const std::string& pattern, Handler handler) {
-  impl_->addRoute("PUT", pattern, std::move(handler));
-  return *this;
-}
-LoopbackHttpServer& LoopbackHttpServer::Delete(const std::string& pattern, Handler handler) {
-  impl_->addRoute("DELETE", pattern, std::move(handler));
-  return *this;
-}
-LoopbackHttpServer& LoopbackHttpServer::Any(const std::string& pattern, Handler handler) {
-  impl_->addRoute("", pattern, std::move(handler));
-  return *this;
-}
-void LoopbackHttpServer::clearRoutes() { impl_->clearRoutes(); }
 
-std::vector<RecordedRequest> LoopbackHttpServer::requests() const { return impl_->records(); }
-size_t LoopbackHttpServer::requestCount() const { return impl_->recordCount(); }
-RecordedRequest LoopbackHttpServer::lastRequest() const { return impl_->lastRecord(); }
+std::vector<RecordedRequest> LoopbackHttpServer::requests() const {
+  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
+  return impl_->records_;
+}
+size_t LoopbackHttpServer::requestCount() const {
+  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
+  return impl_->records_.size();
+}
+RecordedRequest LoopbackHttpServer::lastRequest() const {
+  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
+  return impl_->records_.empty() ? RecordedRequest() : impl_->records_.back();
+}
 bool LoopbackHttpServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
-  return impl_->waitForRecords(count, timeout);
+  std::unique_lock<std::mutex> lock(impl_->recordMutex_);
+  return impl_->recordCv_.wait_for(lock, timeout, [&] { return impl_->records_.size() >= count; });
 }
-void LoopbackHttpServer::clearRequests() { impl_->clearRecords(); }
+void LoopbackHttpServer::clearRequests() {
+  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
+  impl_->records_.clear();
+}
 
-uint64_t LoopbackHttpServer::acceptedConnections() const { return impl_->accepted(); }
-size_t LoopbackHttpServer::openConnections() const { return impl_->openCount(); }
-size_t LoopbackHttpServer::closeConnections() { return impl_->closeAll(); }
+uint64_t LoopbackHttpServer::acceptedConnections() const {
+  std::lock_guard<std::mutex> lock(impl_->connMutex_);
+  return impl_->accepted_;
+}
+void LoopbackHttpServer::closeConnections() {
+  // Under the lock a connection thread cannot close its descriptor, so the number shut down here is
+  // still the connection's and not a descriptor the process reused meanwhile.
+  std::lock_guard<std::mutex> lock(impl_->connMutex_);
+  for (int fd : impl_->open_) ::shutdown(fd, SHUT_RDWR);
+}
 
 std::string LoopbackHttpServer::PatternBytes(size_t size, size_t offset) {
   std::string out;

@@ -2,7 +2,7 @@
 // an ephemeral port, plain or TLS, that transfer tests talk to through libcurl. Tests script replies with
 // route handlers and then assert on what the server received, request by request.
 //
-//   kx::test::LoopbackHttpServer server;                       // listening when the constructor returns
+//   kx::test::LoopbackHttpServer server;  // listening when the constructor returns (or a test failure)
 //   server.Get("/items/(\\d+)", [](const auto& req, auto& res) {
 //     res.set_content("item " + req.matches[1].str(), "text/plain");
 //   });
@@ -17,25 +17,21 @@
 //                         "\n", then the request body as received.
 //   /echo/body            200 with the request body as received and the request's Content-Type
 //                         (application/octet-stream when it had none).
-//   /status/<n>           status n with the body "status <n>\n", or PatternBytes(size) with ?size=<bytes>;
-//                         statuses 1xx, 204 and 304 carry no body.
-//   /redirect/<n>         302 to /redirect/<n-1> (the query is kept, ?status=301|303|307|308 picks the
-//                         code); /redirect/0 answers 200 "redirect chain end\n".
-//   /redirect-to?url=<u>  302 (or ?status=...) to the absolute or relative location u, for cross-scheme
-//                         and cross-server chains.
+//   /status/<n>           status n with the body "status <n>\n", or PatternBytes(size) with ?size=<bytes>.
+//   /redirect/<n>         302 to /redirect/<n-1>, the query kept; /redirect/0 answers 200
+//                         "redirect chain end\n".
+//   /redirect-to?url=<u>  302 (or ?status=<code>) to the absolute or relative location u.
 //   /bytes/<n>            GET: n bytes of PatternBytes, application/octet-stream, with a Content-Length.
 //   /response-headers     200 "ok\n"; every query parameter becomes a response header (repeated names give
 //                         repeated headers, in query order).
-//   /slow                 GET: a trickle for cancellation and speed-limit tests: ?chunk=<bytes> (default 1)
-//                         every ?intervalMs=<ms> (default 100) of PatternBytes until ?bytes=<total>
-//                         (default 1000000) are sent, announced by a Content-Length. The trickle stops
-//                         when the client goes away or the server is destroyed.
+//   /slow                 GET: one byte of PatternBytes every ?intervalMs=<ms> (default 100) until
+//                         ?bytes=<total> (default 1000000) are sent, announced by a Content-Length. The
+//                         trickle stops when the client goes away or the server is destroyed.
 // Unknown paths answer 404 with the body "Not Found\n".
 //
 // Requests with a body that cpp-httplib would not read (GET, HEAD, OPTIONS with a Content-Length or chunked
 // framing, as libcurl sends for an upload with a custom "GET") are read here: the handler sees the body in
-// req.body, the body is recorded, and "Expect: 100-continue" is answered at once instead of letting the
-// client wait for its own time-out.
+// req.body and the body is recorded.
 //
 // The process's SIGPIPE disposition is left as it was (cpp-httplib alone would set it to "ignore"), so a
 // client under test that writes to a closed socket without MSG_NOSIGNAL still shows up.
@@ -65,19 +61,12 @@ namespace kx::test {
 
 // One request as the server received it.
 struct RecordedRequest {
-  std::string method;   // "GET", "PUT", ...
-  std::string target;   // request target as sent, query included: "/echo?a=1"
-  std::string path;     // path part, percent-decoded by cpp-httplib
-  std::string version;  // "HTTP/1.1"
+  std::string method;  // "GET", "PUT", ...
+  std::string path;    // path part of the target, percent-decoded by cpp-httplib
   // Header lines as received (name spelling kept), grouped by name; values of a repeated name keep their
   // order of arrival.
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
-  std::string remoteAddress;  // "127.0.0.1" or "::1"
-  int remotePort = -1;
-  uint64_t connectionId = 0;     // 1 for the first connection this server accepted, then 2, ...
-  size_t indexOnConnection = 0;  // 0 for the first request on its connection
-  bool tls = false;
   // Subject of the verified client certificate in RFC 2253 form ("CN=kx test client,O=kx test"), or empty.
   std::string clientCertificateSubject;
 
@@ -114,30 +103,15 @@ class LoopbackHttpServer {
   LoopbackHttpServer(const LoopbackHttpServer&) = delete;
   LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
-  // True once the server is listening; false (with startError()) if binding or TLS setup failed.
-  bool isRunning() const;
-  const std::string& startError() const;
-
   uint16_t port() const;
-  std::string host() const;     // "127.0.0.1" or "[::1]"
-  std::string scheme() const;   // "http" or "https"
-  std::string baseUrl() const;  // "http://127.0.0.1:<port>"
-  // baseUrl() + path; path should start with "/".
+  // "http(s)://127.0.0.1:<port>" (or "[::1]") + path; path should start with "/".
   std::string url(std::string_view path) const;
   // The same URL with another host name, e.g. "localhost" for host-name verification.
   std::string urlWithHost(std::string_view hostName, std::string_view path) const;
 
-  // Routes: pattern is a std::regex matched against the whole decoded path; capture groups are in
-  // req.matches. The newest registration for a method and path wins. A GET route also answers HEAD
-  // unless a HEAD route matches (cpp-httplib then sends the headers only).
+  // A GET (and HEAD) route: pattern is a std::regex matched against the whole decoded path; capture
+  // groups are in req.matches. The newest registration for a path wins.
   LoopbackHttpServer& Get(const std::string& pattern, Handler handler);
-  LoopbackHttpServer& Head(const std::string& pattern, Handler handler);
-  LoopbackHttpServer& Post(const std::string& pattern, Handler handler);
-  LoopbackHttpServer& Put(const std::string& pattern, Handler handler);
-  LoopbackHttpServer& Delete(const std::string& pattern, Handler handler);
-  LoopbackHttpServer& Any(const std::string& pattern, Handler handler);
-  // Forgets the routes tests registered (built-in routes stay).
-  void clearRoutes();
 
   // Requests in arrival order. A request is recorded before its handler runs, so it is visible as soon as
   // the server has read it, even while its handler is still running.
@@ -150,11 +124,9 @@ class LoopbackHttpServer {
 
   // Connections accepted since the start (requests on one keep-alive connection count once).
   uint64_t acceptedConnections() const;
-  // Connections currently open.
-  size_t openConnections() const;
-  // Shuts down every open connection now, idle or busy; returns how many. Clients holding one in a
-  // keep-alive cache find it dead on their next request.
-  size_t closeConnections();
+  // Shuts down every open connection now, idle or busy. Clients holding one in a keep-alive cache find
+  // it dead on their next request.
+  void closeConnections();
 
   // Deterministic printable body bytes: the stream is made of 16-byte blocks, block k being the decimal
   // offset k*16 on 15 digits and a line feed ("000000000000016\n"), so any cut or shift is visible.

@@ -3,27 +3,9 @@
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/x509.h>
 
 namespace kx::test::loopback {
-namespace {
-
-X509* CertificateFromPem(const std::string& pem) {
-  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
-  X509* cert = bio ? PEM_read_bio_X509(bio, nullptr, nullptr, nullptr) : nullptr;
-  BIO_free(bio);
-  return cert;
-}
-
-EVP_PKEY* KeyFromPem(const std::string& pem) {
-  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
-  EVP_PKEY* key = bio ? PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr) : nullptr;
-  BIO_free(bio);
-  return key;
-}
-
-}  // namespace
 
 std::string PeerSubject(SSL* ssl) {
   X509* cert = SSL_get1_peer_certificate(ssl);
@@ -58,18 +40,14 @@ SSL_CTX* MakeTlsContext(const LoopbackHttpServerOptions& options, std::string& e
   static constexpr unsigned char kSessionContext[] = "kx-loopback";
   SSL_CTX_set_session_id_context(ctx, kSessionContext, sizeof(kSessionContext) - 1);
 
-  X509* cert = CertificateFromPem(options.wrongNameCertificate ? pki.wrongNameCertificatePem()
-                                                               : pki.serverCertificatePem());
-  EVP_PKEY* key = KeyFromPem(options.wrongNameCertificate ? pki.wrongNameKeyPem() : pki.serverKeyPem());
-  bool ok = cert && key && SSL_CTX_use_certificate(ctx, cert) == 1 && SSL_CTX_use_PrivateKey(ctx, key) == 1 &&
-            SSL_CTX_check_private_key(ctx) == 1;
-  X509_free(cert);
-  EVP_PKEY_free(key);
-
-  if (ok && (options.tls == Tls::kRequireClientCertificate)) {
-    X509* ca = CertificateFromPem(pki.caCertificatePem());
-    ok = ca && X509_STORE_add_cert(SSL_CTX_get_cert_store(ctx), ca) == 1 && SSL_CTX_add_client_CA(ctx, ca) == 1;
-    X509_free(ca);
+  const std::string server = options.wrongNameCertificate ? pki.wrongNamePath() : pki.serverPath();
+  bool ok = SSL_CTX_use_certificate_file(ctx, server.c_str(), SSL_FILETYPE_PEM) == 1 &&
+            SSL_CTX_use_PrivateKey_file(ctx, server.c_str(), SSL_FILETYPE_PEM) == 1;
+  if (ok && options.tls == Tls::kRequireClientCertificate) {
+    const std::string ca = pki.caCertificatePath();
+    STACK_OF(X509_NAME)* caNames = SSL_load_client_CA_file(ca.c_str());
+    ok = caNames && SSL_CTX_load_verify_locations(ctx, ca.c_str(), nullptr) == 1;
+    if (caNames) SSL_CTX_set_client_CA_list(ctx, caNames);  // the context takes ownership
     SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
   }
   if (!ok) {

@@ -8,12 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <list>
 #include <mutex>
 #include <thread>
 
@@ -94,7 +92,7 @@ class RawTcpFaultServer::Impl {
       [[maybe_unused]] ssize_t ignored = ::write(stopFd_, &one, sizeof(one));
     }
     if (acceptor_.joinable()) acceptor_.join();
-    for (auto& worker : workers_) worker.thread.join();
+    for (auto& worker : workers_) worker.join();
     if (listenFd_ >= 0) ::close(listenFd_);
     if (stopFd_ >= 0) ::close(stopFd_);
   }
@@ -124,71 +122,38 @@ class RawTcpFaultServer::Impl {
     return false;
   }
 
-  uint64_t accepted() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return accepted_;
-  }
-  std::vector<std::string> heads() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return heads_;
-  }
-  std::vector<std::string> bodies() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return bodies_;
-  }
-  bool waitForHeads(size_t count, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, timeout, [&] { return headsDone_ >= count; });
-  }
-
   std::string error_;
   uint16_t port_ = 0;
+  mutable std::mutex mutex_;
+  mutable std::condition_variable cv_;
+  std::vector<std::string> heads_;
+  std::vector<std::string> bodies_;
+  size_t headsDone_ = 0;
 
  private:
-  struct Worker {
-    std::thread thread;
-    std::shared_ptr<std::atomic<bool>> done;
-  };
-
   void acceptLoop() {
     for (;;) {
       if (WaitReadable(listenFd_, stopFd_, -1) < 0) return;
       int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) continue;
-      Mode mode;
-      std::string canned;
       size_t slot;
       {
         std::lock_guard<std::mutex> lock(mutex_);
-        ++accepted_;
-        mode = mode_;
-        canned = canned_;
         slot = heads_.size();
         heads_.emplace_back();
         bodies_.emplace_back();
       }
-      for (auto it = workers_.begin(); it != workers_.end();) {
-        if (it->done->load(std::memory_order_acquire)) {
-          it->thread.join();
-          it = workers_.erase(it);
-        } else {
-          ++it;
-        }
-      }
-      auto done = std::make_shared<std::atomic<bool>>(false);
-      workers_.push_back(Worker{std::thread([this, fd, mode, canned = std::move(canned), slot, done] {
-                                  serve(fd, mode, canned, slot);
-                                  done->store(true, std::memory_order_release);
-                                }),
-                                done});
+      // A test makes a handful of connections: their threads are joined when the server goes.
+      workers_.emplace_back([this, fd, slot] { serve(fd, slot); });
     }
   }
 
-  void serve(int fd, Mode mode, const std::string& canned, size_t slot) {
+  void serve(int fd, size_t slot) {
+    const std::string canned = kCannedResponse;
     std::string rest;
     bool stopping = !readHead(fd, slot, rest);
     if (!stopping) {
-      switch (mode) {
+      switch (mode_) {
         case Mode::kRefuse:  // never accepted
         case Mode::kAcceptAndClose:
           break;
@@ -250,7 +215,11 @@ class RawTcpFaultServer::Impl {
   // Reads the rest of the body the recorded head announces, `bytes` holding its start; true once the
   // whole body is in.
   bool readBody(int fd, size_t slot, std::string& bytes) {
-    const std::string head = heads()[slot];
+    std::string head;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      head = heads_[slot];
+    }
     std::string body;
     while (!BodyComplete(head, bytes, body)) {
       if (WaitReadable(fd, stopFd_, kHeadTimeoutMs) <= 0) return false;
@@ -275,19 +244,12 @@ class RawTcpFaultServer::Impl {
     }
   }
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable cv_;
-  Mode mode_;
-  const std::string canned_ = kCannedResponse;
-  uint64_t accepted_ = 0;
-  std::vector<std::string> heads_;
-  std::vector<std::string> bodies_;
-  size_t headsDone_ = 0;
+  const Mode mode_;
 
   int listenFd_ = -1;
   int stopFd_ = -1;
   std::thread acceptor_;
-  std::list<Worker> workers_;  // touched by the acceptor thread, then by the destructor after joining it
+  std::vector<std::thread> workers_;  // touched by the acceptor thread, then by the destructor after joining it
 };
 
 RawTcpFaultServer::RawTcpFaultServer(Mode mode) : impl_(std::make_unique<Impl>(mode)) { impl_->start(); }
@@ -299,11 +261,17 @@ uint16_t RawTcpFaultServer::port() const { return impl_->port_; }
 std::string RawTcpFaultServer::url(std::string_view path) const {
   return "http://127.0.0.1:" + std::to_string(impl_->port_) + std::string(path);
 }
-uint64_t RawTcpFaultServer::acceptedConnections() const { return impl_->accepted(); }
-std::vector<std::string> RawTcpFaultServer::requestHeads() const { return impl_->heads(); }
-std::vector<std::string> RawTcpFaultServer::requestBodies() const { return impl_->bodies(); }
+std::vector<std::string> RawTcpFaultServer::requestHeads() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex_);
+  return impl_->heads_;
+}
+std::vector<std::string> RawTcpFaultServer::requestBodies() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex_);
+  return impl_->bodies_;
+}
 bool RawTcpFaultServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
-  return impl_->waitForHeads(count, timeout);
+  std::unique_lock<std::mutex> lock(impl_->mutex_);
+  return impl_->cv_.wait_for(lock, timeout, [&] { return impl_->headsDone_ >= count; });
 }
 
 }  // namespace kx::test

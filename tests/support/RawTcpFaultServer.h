@@ -64,7 +64,6 @@ class RawTcpFaultServer {
   uint16_t port() const;
   std::string url(std::string_view path) const;  // "http://127.0.0.1:<port>" + path
 
-  uint64_t acceptedConnections() const;
   // The request head (up to its blank line) each connection sent, in the order of acceptance.
   std::vector<std::string> requestHeads() const;
   // The request bodies read in kAnswerAfterBody (chunked ones without their framing).

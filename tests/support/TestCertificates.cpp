@@ -16,6 +16,7 @@
 #include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace kx::test {
@@ -142,12 +143,6 @@ std::string P12Der(EVP_PKEY* key, X509* cert, X509* ca, const char* passphrase) 
   return der;
 }
 
-void WriteFile(const std::string& path, const std::string& contents) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
-  if (!out.flush()) throw std::runtime_error("TestCertificates: cannot write " + path);
-}
-
 std::string MakeTemporaryDirectory() {
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base && *base ? base : "/tmp") + "/kx-test-certs-XXXXXX";
@@ -190,36 +185,24 @@ TestCertificates::TestCertificates() {
   auto clientCert =
       MakeCertificate(clientKey.get(), {"kx test client", false, "clientAuth", nullptr}, caCert.get(), caKey.get());
 
-  auto rogueCaKey = MakeKey();
-  auto rogueCa = MakeCertificate(rogueCaKey.get(), {"kx rogue CA", true, nullptr, nullptr}, nullptr, nullptr);
-  auto rogueKey = MakeKey();
-  auto rogueCert =
-      MakeCertificate(rogueKey.get(), {"kx test client", false, "clientAuth", nullptr}, rogueCa.get(), rogueCaKey.get());
-
-  caCertPem_ = CertificatePem(caCert.get());
-  serverCertPem_ = CertificatePem(serverCert.get());
-  serverKeyPem_ = KeyPem(serverKey.get(), nullptr);
-  wrongNameCertPem_ = CertificatePem(wrongCert.get());
-  wrongNameKeyPem_ = KeyPem(wrongKey.get(), nullptr);
   clientCertPem_ = CertificatePem(clientCert.get());
   clientKeyPem_ = KeyPem(clientKey.get(), nullptr);
   clientKeyEncryptedPem_ = KeyPem(clientKey.get(), kPassphrase);
   clientP12_ = P12Der(clientKey.get(), clientCert.get(), caCert.get(), kPassphrase);
-  clientP12EmptyPass_ = P12Der(clientKey.get(), clientCert.get(), caCert.get(), "");
-  untrustedCertPem_ = CertificatePem(rogueCert.get());
-  untrustedKeyPem_ = KeyPem(rogueKey.get(), nullptr);
 
   dir_ = MakeTemporaryDirectory();
-  try {
-    WriteFile(caCertificatePath(), caCertPem_);
-    WriteFile(clientCertificatePath(), clientCertPem_);
-    WriteFile(clientKeyPath(), clientKeyPem_);
-    WriteFile(clientKeyEncryptedPath(), clientKeyEncryptedPem_);
-    WriteFile(clientP12Path(), clientP12_);
-  } catch (...) {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-    throw;
+  const std::pair<std::string, std::string> files[] = {
+      {caCertificatePath(), CertificatePem(caCert.get())},
+      {serverPath(), CertificatePem(serverCert.get()) + KeyPem(serverKey.get(), nullptr)},
+      {wrongNamePath(), CertificatePem(wrongCert.get()) + KeyPem(wrongKey.get(), nullptr)},
+  };
+  for (const auto& [path, contents] : files) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!(out << contents).flush()) {
+      std::error_code ignored;
+      std::filesystem::remove_all(dir_, ignored);
+      throw std::runtime_error("TestCertificates: cannot write " + path);
+    }
   }
 }
 

@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -71,26 +70,16 @@ bool AcceptsConnections(uint16_t port) {
   return ok;
 }
 
-// Waits up to timeoutMs for the child to end and reaps it. With a pidfd the wait ends the moment the
-// child exits; without one (old kernels) it is a plain pause followed by a non-blocking waitpid.
+// Waits up to timeoutMs (-1: no limit) for the child to end and reaps it. The pidfd becomes readable the
+// moment the child exits.
 bool WaitForExit(int pid, int pidFd, int timeoutMs, int* status) {
-  if (pidFd >= 0) {
-    pollfd p{pidFd, POLLIN, 0};
-    int r;
-    do {
-      r = ::poll(&p, 1, timeoutMs);
-    } while (r < 0 && errno == EINTR);
-    if (r <= 0) return false;
-  } else if (timeoutMs > 0) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
-  }
-  int s = 0;
-  const int flags = (pidFd < 0 && timeoutMs < 0) ? 0 : WNOHANG;  // no pidfd and no limit: block
-  pid_t r;
+  pollfd p{pidFd, POLLIN, 0};
+  int r;
   do {
-    r = ::waitpid(pid, &s, flags);
+    r = ::poll(&p, 1, timeoutMs);
   } while (r < 0 && errno == EINTR);
-  if (r != pid) return false;
+  int s = 0;
+  if (r <= 0 || ::waitpid(pid, &s, 0) != pid) return false;
   if (status) *status = s;
   return true;
 }
@@ -192,6 +181,12 @@ bool TinyProxy::startOnce(std::string& error) {
     return false;
   }
   int pidFd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidFd < 0) {
+    error = std::string("pidfd_open failed: ") + std::strerror(errno);
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    return false;
+  }
 
   // Readiness is "accepts a TCP connection"; between attempts the wait is on the child itself, so a
   // tinyproxy that fails (port taken, bad config) is noticed at once.
@@ -209,11 +204,11 @@ bool TinyProxy::startOnce(std::string& error) {
       if (std::chrono::steady_clock::now() < deadline) continue;
       ::kill(pid, SIGKILL);
       WaitForExit(pid, pidFd, -1, nullptr);
-      if (pidFd >= 0) ::close(pidFd);
+      ::close(pidFd);
       error = "tinyproxy did not accept connections within 10 s; log:\n" + log();
       return false;
     }
-    if (pidFd >= 0) ::close(pidFd);
+    ::close(pidFd);
     error = "tinyproxy " + DescribeExit(status) + "; log:\n" + log();
     return false;
   }
@@ -222,18 +217,11 @@ bool TinyProxy::startOnce(std::string& error) {
 void TinyProxy::terminate() {
   if (pid_ <= 0) return;
   ::kill(pid_, SIGTERM);
-  auto timeoutMs = static_cast<int>(std::chrono::milliseconds(kStopDeadline).count());
-  bool ended = false;
-  if (pidFd_ >= 0) {
-    ended = WaitForExit(pid_, pidFd_, timeoutMs, nullptr);
-  } else {
-    for (int waited = 0; !ended && waited < timeoutMs; waited += 10) ended = WaitForExit(pid_, -1, 10, nullptr);
-  }
-  if (!ended) {
+  if (!WaitForExit(pid_, pidFd_, static_cast<int>(std::chrono::milliseconds(kStopDeadline).count()), nullptr)) {
     ::kill(pid_, SIGKILL);
     WaitForExit(pid_, pidFd_, -1, nullptr);
   }
-  if (pidFd_ >= 0) ::close(pidFd_);
+  ::close(pidFd_);
   pid_ = -1;
   pidFd_ = -1;
 }

@@ -40,7 +40,6 @@ class TinyProxy {
   bool isRunning() const { return pid_ > 0; }
   const std::string& startError() const { return error_; }
 
-  uint16_t port() const { return port_; }
   std::string url() const;  // "http://127.0.0.1:<port>"
 
   // tinyproxy's log (connections, requests), for a failure message.
