@@ -1,4 +1,4 @@
-// Test scaffolding shared by the transfer-layer tests: a library-initialising fixture, one request
+// Test scaffolding shared by the transfer-layer tests: one request
 // context whose header callback installs a response sink, optionally points curl at the test CA and
 // runs a test's own hook, counting its calls (one per attempt), and a request body source of unknown size.
 #pragma once
@@ -18,13 +18,6 @@
 #include <string>
 
 namespace kx::test {
-
-// Initialises the library once per suite; counted, so it nests with any other initialisation.
-class CorvixSuite : public testing::Test {
- protected:
-  static void SetUpTestSuite() { kx::initializeCorvix("kx-connection-tests"); }
-  static void TearDownTestSuite() { kx::terminateCorvix(); }
-};
 
 struct ConnectionTestCall {
   std::string body;    // response body as received

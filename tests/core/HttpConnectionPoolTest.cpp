@@ -46,7 +46,7 @@ using kx::test::LoopbackHttpServer;
 std::atomic<int64_t> g_fakeNow{1'000'000};
 int64_t FakeNow() { return g_fakeNow.load(); }
 
-class HttpConnectionPoolTest : public kx::test::CorvixSuite {
+class HttpConnectionPoolTest : public testing::Test {
  protected:
   // One GET on `connection`; its last URL then names the server.
   bool Use(HttpConnection& connection, const std::string& path = "/echo") {
@@ -76,53 +76,39 @@ TEST_F(HttpConnectionPoolTest, KeyIsHostBytesAndPort) {
   EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
 }
 
-TEST_F(HttpConnectionPoolTest, CapacityIsRaisedNeverLoweredAndZeroKeepsOne) {
+// Trimming closes the oldest idle connections; ensureAtLeast only ever raises the capacity; zero keeps one.
+TEST_F(HttpConnectionPoolTest, CapacityTrimsTheOldestIdleConnections) {
   pool.setMaxPendingConnection(3);
   pool.ensureAtLeastMaxConcurrentConnection(2);
   EXPECT_EQ(pool.getMaxConcurrentConnection(), 3u);
-  pool.ensureAtLeastMaxConcurrentConnection(5);
-  EXPECT_EQ(pool.getMaxConcurrentConnection(), 5u);
-  pool.setMaxPendingConnection(0);
-  EXPECT_EQ(pool.getMaxConcurrentConnection(), 1u);
-  auto a = LeaseAndUse();
-  auto b = LeaseAndUse();
-  pool.releaseHttpConnection(a);
-  pool.releaseHttpConnection(b);
-  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
-  auto kept = pool.getHttpConnection("127.0.0.1", server.port());
-  EXPECT_EQ(kept.first, b.first) << "capacity trims the oldest";
-  pool.releaseHttpConnection(kept);
-}
-
-TEST_F(HttpConnectionPoolTest, LoweringCapacityClosesOldestIdleConnections) {
   auto a = LeaseAndUse();
   auto b = LeaseAndUse();
   auto c = LeaseAndUse();
-  pool.setMaxPendingConnection(3);
-  pool.releaseHttpConnection(a);
-  pool.releaseHttpConnection(b);
-  pool.releaseHttpConnection(c);
+  for (const auto& lease : {a, b, c}) pool.releaseHttpConnection(lease);
   pool.setMaxPendingConnection(2);
   EXPECT_EQ(pool.getIdleConnectionCount(), 2u);
   auto first = pool.getHttpConnection("127.0.0.1", server.port());
   auto second = pool.getHttpConnection("127.0.0.1", server.port());
   EXPECT_EQ(first.first, c.first) << "most recently released first";
   EXPECT_EQ(second.first, b.first);
-  pool.releaseHttpConnection(first);
+  pool.setMaxPendingConnection(0);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 1u);
   pool.releaseHttpConnection(second);
+  pool.releaseHttpConnection(first);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  auto kept = pool.getHttpConnection("127.0.0.1", server.port());
+  EXPECT_EQ(kept.first, first.first) << "capacity trims the oldest";
+  pool.releaseHttpConnection(kept);
+  pool.ensureAtLeastMaxConcurrentConnection(5);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 5u);
 }
 
-TEST_F(HttpConnectionPoolTest, ConnectionClosedByServerIsNotPooled) {
-  kx::test::LoopbackHttpServerOptions options;
-  options.keepAliveMaxRequests = 1;  // the answer says "Connection: close"
-  LoopbackHttpServer closing(options);
+// Neither a connection the server closed ("Connection: close" answer) nor one never used is pooled.
+TEST_F(HttpConnectionPoolTest, ClosedOrUnusedConnectionIsNotPooled) {
+  LoopbackHttpServer closing({.keepAliveMaxRequests = 1});
   auto lease = pool.getHttpConnection("127.0.0.1", closing.port());
   ASSERT_TRUE(HttpHelpers::HttpGet(*lease.first, HttpUrl(closing.url("/echo")), nullptr, nullptr, nullptr, nullptr));
   pool.releaseHttpConnection(lease);
-  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
-}
-
-TEST_F(HttpConnectionPoolTest, UnusedConnectionIsNotPooled) {
   pool.releaseHttpConnection(pool.getHttpConnection("127.0.0.1", server.port()));
   pool.releaseHttpConnection({nullptr, 0});
   EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
@@ -200,17 +186,27 @@ TEST_F(HttpConnectionPoolTest, LeasesCarryTheDefaultParameters) {
   pool.releaseHttpConnection(fresh);
 }
 
-// Expiry: an entry idle for exactly the keep-open duration stays; one millisecond more and it goes.
+// Expiry: an entry idle for exactly the keep-open duration stays; one millisecond more and it goes. A
+// keep-open duration too long for milliseconds saturates instead of wrapping.
+constexpr uint64_t kHugeSec = std::numeric_limits<uint64_t>::max() / 999;  // * 1000 would wrap
+constexpr int64_t kT = 1'000'000, kMin = std::numeric_limits<int64_t>::min() + 1,
+                  kMax = std::numeric_limits<int64_t>::max();
 struct ExpiryCase {
   const char* name;
-  int64_t keepOpenSec;  // -1: the default of 30 s
-  int64_t idleMs;
+  uint64_t keepOpenSec;  // 0 with keepOpenMs 30000: the default, left unset
+  uint64_t keepOpenMs;
+  int64_t releasedAt, now;
   size_t idleAfter;
 };
 constexpr ExpiryCase kExpiryCases[] = {
-    {"DefaultIdle30000", -1, 30000, 1}, {"DefaultIdle30001", -1, 30001, 0}, {"OneSecondIdle1000", 1, 1000, 1},
-    {"OneSecondIdle1001", 1, 1001, 0},  {"ZeroIdle0", 0, 0, 1},             {"ZeroIdle1", 0, 1, 0},
-    {"ClockWentBackwards", -1, -5000, 1},
+    {"DefaultIdle30000", 0, 30000, kT, kT + 30000, 1},
+    {"DefaultIdle30001", 0, 30000, kT, kT + 30001, 0},
+    {"OneSecondIdle1000", 1, 1000, kT, kT + 1000, 1},
+    {"OneSecondIdle1001", 1, 1000, kT, kT + 1001, 0},
+    {"ZeroIdle0", 0, 0, kT, kT, 1},
+    {"ZeroIdle1", 0, 0, kT, kT + 1, 0},
+    {"ClockWentBackwards", 0, 30000, kT, kT - 5000, 1},
+    {"HugeKeepOpenSaturates", kHugeSec, std::numeric_limits<uint64_t>::max(), kMin, kMax, 1},
 };
 
 class HttpConnectionPoolExpiryTest : public HttpConnectionPoolTest,
@@ -219,21 +215,27 @@ class HttpConnectionPoolExpiryTest : public HttpConnectionPoolTest,
 TEST_P(HttpConnectionPoolExpiryTest, ExpiresStrictlyAfterKeepOpenDuration) {
   const ExpiryCase& c = GetParam();
   Access::SetTimeSource(pool, &FakeNow);
-  if (c.keepOpenSec >= 0) pool.setKeepOpenDurationSec(static_cast<uint64_t>(c.keepOpenSec));
-  EXPECT_EQ(pool.getKeepOpenDurationMs(), c.keepOpenSec >= 0 ? static_cast<uint64_t>(c.keepOpenSec) * 1000 : 30000u);
-  g_fakeNow = 1'000'000;
+  if (c.keepOpenMs != 30000) pool.setKeepOpenDurationSec(c.keepOpenSec);
+  EXPECT_EQ(pool.getKeepOpenDurationMs(), c.keepOpenMs);
+  g_fakeNow = c.releasedAt;
   pool.releaseHttpConnection(LeaseAndUse());
-  ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
-  g_fakeNow = 1'000'000 + c.idleMs;
+  g_fakeNow = c.now;
   HttpConnectionPool::UpdatePool(&pool);
   EXPECT_EQ(pool.getIdleConnectionCount(), c.idleAfter);
-  Access::SetTimeSource(pool, nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(Pool, HttpConnectionPoolExpiryTest, testing::ValuesIn(kExpiryCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(HttpConnectionPoolTest, ExpiryRemovesOnlyExpiredEntries) {
+// The library's updater trims this pool, only its expired entries; a pool that dies before the next pass
+// must be gone from the updater (ASan would see the pass touch freed memory otherwise).
+TEST_F(HttpConnectionPoolTest, PeriodicalUpdaterTrimsRegisteredPoolsOnly) {
+  kx::kxThreadPeriodicalUpdater* updater = kx::detail::GetPeriodicalUpdater();
+  ASSERT_NE(updater, nullptr);
+  {
+    HttpConnectionPool shortLived;
+    shortLived.releaseHttpConnection(LeaseAndUse());
+  }
   Access::SetTimeSource(pool, &FakeNow);
   g_fakeNow = 2'000'000;
   auto older = LeaseAndUse();
@@ -241,45 +243,14 @@ TEST_F(HttpConnectionPoolTest, ExpiryRemovesOnlyExpiredEntries) {
   pool.releaseHttpConnection(older);
   g_fakeNow = 2'010'000;
   pool.releaseHttpConnection(newer);
+  ASSERT_TRUE(updater->runNowAndWait(10000));
+  EXPECT_EQ(pool.getIdleConnectionCount(), 2u);
   g_fakeNow = 2'030'001;  // older idle 30 001 ms, newer 20 001 ms
-  HttpConnectionPool::UpdatePool(&pool);
+  ASSERT_TRUE(updater->runNowAndWait(10000));
   ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
   auto left = pool.getHttpConnection("127.0.0.1", server.port());
   EXPECT_EQ(left.first, newer.first);
   pool.releaseHttpConnection(left);
-  Access::SetTimeSource(pool, nullptr);
-}
-
-TEST_F(HttpConnectionPoolTest, HugeKeepOpenSaturatesInsteadOfWrapping) {
-  Access::SetTimeSource(pool, &FakeNow);
-  pool.setKeepOpenDurationSec(std::numeric_limits<uint64_t>::max() / 999);  // * 1000 would wrap
-  EXPECT_EQ(pool.getKeepOpenDurationMs(), std::numeric_limits<uint64_t>::max());
-  g_fakeNow = std::numeric_limits<int64_t>::min() + 1;
-  pool.releaseHttpConnection(LeaseAndUse());
-  g_fakeNow = std::numeric_limits<int64_t>::max();
-  HttpConnectionPool::UpdatePool(&pool);
-  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
-  Access::SetTimeSource(pool, nullptr);
-}
-
-TEST_F(HttpConnectionPoolTest, PeriodicalUpdaterTrimsRegisteredPoolsOnly) {
-  kx::kxThreadPeriodicalUpdater* updater = kx::detail::GetPeriodicalUpdater();
-  ASSERT_NE(updater, nullptr);
-  {
-    // A pool that dies before the next pass must be gone from the updater (ASan would see the pass
-    // touch freed memory otherwise).
-    HttpConnectionPool shortLived;
-    shortLived.releaseHttpConnection(LeaseAndUse());
-  }
-  Access::SetTimeSource(pool, &FakeNow);
-  g_fakeNow = 3'000'000;
-  pool.releaseHttpConnection(LeaseAndUse());
-  ASSERT_TRUE(updater->runNowAndWait(10000));
-  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
-  g_fakeNow = 3'030'001;
-  ASSERT_TRUE(updater->runNowAndWait(10000));
-  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
-  Access::SetTimeSource(pool, nullptr);
 }
 
 // Outside initializeCorvix/terminateCorvix there is no updater: creating and destroying a pool there

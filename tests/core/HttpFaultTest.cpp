@@ -100,11 +100,10 @@ constexpr FaultCase kFaultCases[] = {
      "Callback aborted"},
 };
 
-class HttpFaultTest : public kx::test::CorvixSuite, public testing::WithParamInterface<FaultCase> {
+class HttpFaultTest : public testing::Test, public testing::WithParamInterface<FaultCase> {
  protected:
   // Whatever libcurl and OpenSSL open once per process (and keep) is opened here, before any row counts.
   static void SetUpTestSuite() {
-    CorvixSuite::SetUpTestSuite();
     kx::test::LogCapture quiet(false);
     LoopbackHttpServer secure({.tls = Tls::kOn});
     kx::http::HttpConnection connection;

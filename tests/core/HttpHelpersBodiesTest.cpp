@@ -44,7 +44,7 @@ constexpr BodyCase kBodyCases[] = {
     {"PutFile", false, Source::kFile, 70000},           {"PutPausingStream", false, Source::kPausingStream, 70000},
 };
 
-class HttpHelpersBodiesTest : public kx::test::CorvixSuite {
+class HttpHelpersBodiesTest : public testing::Test {
  protected:
   void TearDown() override {
     if (!filePath.empty()) std::remove(filePath.c_str());

@@ -40,7 +40,7 @@ constexpr UploadCase kUploadCases[] = {
     {"Post2MiB", Upload::kPost, 2 << 20, "POST /upload HTTP/1.1"},
 };
 
-class HttpUploadTest : public kx::test::CorvixSuite, public testing::WithParamInterface<UploadCase> {
+class HttpUploadTest : public testing::Test, public testing::WithParamInterface<UploadCase> {
  protected:
   kx::test::LogCapture quiet{false};
 };
