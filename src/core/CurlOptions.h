@@ -5,6 +5,8 @@
 
 #include <curl/curl.h>
 
+#include <string>
+
 namespace kx {
 namespace http {
 
@@ -15,6 +17,10 @@ class HttpUrl;
 namespace detail {
 
 struct ResolvedPolicies;
+
+// The scheme rule of every transfer: 0 for a scheme that may not be transferred (shorter than four
+// characters or not starting with "http" in any case), 2 when it ends in 's' (either case), else 1.
+int SchemeKind(const std::string& scheme);
 
 // Sets on the freshly reset (or new) handle every option the parameters and policies call for that
 // differs from libcurl's default; returns the OR of the curl_easy_setopt results. With cookies enabled,

@@ -280,17 +280,6 @@ bool HttpConnection::setupConnection(const HttpUrl& url, const kxCancelInterface
   return setup(url, cancel, detail::ResolvedPolicies::Of(url.getPolicies()));
 }
 
-namespace {
-
-// 1 for http, 2 for https (either case), 0 for any other scheme, which only the full setup may refuse.
-int SchemeKind(const std::string& scheme) {
-  if (scheme.size() < 4 || scheme.size() > 5 || kxStringUtils::AsciiToLower(scheme.substr(0, 4)) != "http") return 0;
-  if (scheme.size() == 4) return 1;
-  return scheme[4] == 's' || scheme[4] == 'S' ? 2 : 0;
-}
-
-}  // namespace
-
 bool HttpConnection::setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* cancel,
                            const detail::ResolvedPolicies& policies) {
   State& s = *state_;
@@ -300,7 +289,7 @@ bool HttpConnection::setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* 
   wanted.parameters = s.parameters;
   wanted.sslValidate = policies.sslValidate;
   wanted.hostNameResolution = policies.hostNameResolution;
-  wanted.schemeKind = SchemeKind(url.getScheme());
+  wanted.schemeKind = detail::SchemeKind(url.getScheme());
   wanted.loopback = url.getHost() == "127.0.0.1";
   wanted.verbose = kxLog::isVerbose();
   // Client certificates and proxies hold texts and blobs that may change under the same policy value:
@@ -453,10 +442,6 @@ bool detail::HttpConnectionAccess::HasCurlHandle(const HttpConnection& connectio
 
 int detail::HttpConnectionAccess::LastCurlCode(const HttpConnection& connection) {
   return static_cast<int>(connection.state_->curlResult);
-}
-
-HttpConnection::State& detail::HttpConnectionAccess::StateOf(HttpConnection& connection) {
-  return *connection.state_;
 }
 
 bool detail::HttpConnectionAccess::GetHttpData(HttpConnection& connection, const HttpUrl& url,

@@ -25,7 +25,6 @@ struct HttpConnectionAccess {
   // status/content-type mismatch keeps it.
   static bool HasCurlHandle(const HttpConnection& connection);
   static int LastCurlCode(const HttpConnection& connection);
-  static HttpConnection::State& StateOf(HttpConnection& connection);
   // getHttpData with the call's own body, response sink, header function and probe (TransferHooks)
   // installed by the connection's setup in place of its defaults: the door through which the library's
   // call paths (request helpers, document fetcher, downloads) hand over bodies and sinks.

@@ -123,6 +123,11 @@ bool HttpConnectionParameters::operator==(const HttpConnectionParameters& other)
          enableCookies == other.enableCookies && acceptEncoding == other.acceptEncoding;
 }
 
+int detail::SchemeKind(const std::string& scheme) {
+  if (scheme.size() < 4 || kxStringUtils::AsciiToLower(scheme.substr(0, 4)) != "http") return 0;
+  return scheme.back() == 's' || scheme.back() == 'S' ? 2 : 1;
+}
+
 int HttpConnectionParameters::applyParameters(void* curl, const HttpUrl& url, HttpProxyFinder& finder) const {
   return detail::ApplyParameters(*this, static_cast<CURL*>(curl), url, finder,
                                  detail::ResolvedPolicies::Of(url.getPolicies()), nullptr);
@@ -138,16 +143,14 @@ int detail::ApplyParameters(const HttpConnectionParameters& p, CURL* curl, const
 
   // Only http and https may be transferred; anything else stops here with a non-zero result, which
   // fails the connection's setup before a byte is sent.
-  const std::string& rawScheme = url.getScheme();
-  if (rawScheme.size() < 4 || kxStringUtils::AsciiToLower(rawScheme.substr(0, 4)) != "http")
-    return result | CURLE_UNKNOWN_OPTION;
+  const int schemeKind = SchemeKind(url.getScheme());
+  if (schemeKind == 0) return result | CURLE_UNKNOWN_OPTION;
 
   if (p.acceptEncoding) result |= SetText(curl, CURLOPT_ACCEPT_ENCODING, "");
   result |= SetText(curl, CURLOPT_PROTOCOLS_STR, "HTTP,HTTPS");
   // A plain http request never follows a redirect to https (nor, by default, https to http): a
   // redirect must not silently change the security of the exchange.
-  const char last = rawScheme.back();
-  const bool secure = last == 's' || last == 'S';
+  const bool secure = schemeKind == 2;
   result |= SetText(curl, CURLOPT_REDIR_PROTOCOLS_STR,
                     secure ? (p.allowHttpsToHttpRedirect ? "HTTP,HTTPS" : "HTTPS") : "HTTP");
 
