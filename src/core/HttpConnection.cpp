@@ -110,11 +110,15 @@ bool HttpConnection::getHttpData(const HttpUrl& url, const std::string& expected
                      url.toDisplayableUrl());
     }
   }
-  // Only the kx::Url part is copied (see getLastUrl).
-  if (&s.lastUrl != &url) static_cast<kx::Url&>(s.lastUrl) = url;
-  s.lastUrl.clearCredentials();
-  if (!s.lastUrl.getAuthenticators().empty()) s.lastUrl.clearAuthenticators();
-  if (s.lastUrl.getPolicies() != nullptr) s.lastUrl.clearPolicies();
+  // Only the kx::Url part is copied (see getLastUrl). lastUrl holds no credentials, so a URL with some
+  // never compares equal and is always encoded afresh.
+  if (static_cast<const kx::Url&>(url) != s.lastUrl) {
+    static_cast<kx::Url&>(s.lastUrl) = url;
+    s.lastUrl.clearCredentials();
+    if (!s.lastUrl.getAuthenticators().empty()) s.lastUrl.clearAuthenticators();
+    if (s.lastUrl.getPolicies() != nullptr) s.lastUrl.clearPolicies();
+    s.urlOnHandle = false;
+  }
   s.previousUseTime = s.lastUseTime;
 
   // Resolved once per attempt: setup and the retry decision read the same values.
@@ -166,13 +170,13 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
     clearConnection();
     return false;
   }
-  const std::string encodedUrl = url.toEncodedUrl(true);
 
   // Failures before the transfer: the handle may hold half-applied options, so it is destroyed.
   auto failBeforeTransfer = [this, &s](std::string text) {
     s.errorText = std::move(text);
     curl_slist_free_all(s.headerList);
     s.headerList = nullptr;
+    s.headerListReusable = false;
     clearConnection();
     return false;
   };
@@ -186,27 +190,51 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
   if (headerCallback != nullptr && headerCallback(s.curl, userData, requestHeaders) != 0)
     return failBeforeTransfer(FormatTransferError(TransferError::kUserCallback));
 
-  curl_slist_free_all(s.headerList);
-  s.headerList = nullptr;
-  bool sawContentType = false;
-  bool listBuilt = AppendHeaders(s.headerList, GetDefaultHttpHeaders(), sawContentType) &&
-                   AppendHeaders(s.headerList, s.commonHeaders, sawContentType) &&
-                   AppendHeaders(s.headerList, requestHeaders, sawContentType);
-  // The call's content type goes in only where no layer chose one: two would leave the server to pick.
-  if (listBuilt && !sawContentType && s.hooks != nullptr && s.hooks->contentType != nullptr)
-    listBuilt = AppendLine(s.headerList, std::string("Content-Type: ") + s.hooks->contentType);
-  listBuilt = listBuilt && AppendLine(s.headerList, "Connection: Keep-Alive");
   // The id lets a server's logs be matched with this client's trace; it is only worth its cost when
   // someone reads the trace, i.e. with the log verbose.
   const bool verbose = kxLog::isVerbose();
-  if (listBuilt && verbose) {
-    s.requestId = kxRandomUtils::Uuid4Text();
-    listBuilt = AppendLine(s.headerList, "X-Request-ID: " + s.requestId);
+  const char* contentType = s.hooks != nullptr ? s.hooks->contentType : nullptr;
+  const HttpHeaders& defaultHeaders = GetDefaultHttpHeaders();
+  const bool sameList = s.headerListReusable && !verbose && requestHeaders.empty() &&
+                        s.listContentType == (contentType != nullptr ? contentType : "") &&
+                        s.listDefaults == defaultHeaders && s.listCommon == s.commonHeaders;
+  if (!sameList) {
+    curl_slist_free_all(s.headerList);
+    s.headerList = nullptr;
+    s.headerListOnHandle = false;
+    bool sawContentType = false;
+    bool listBuilt = AppendHeaders(s.headerList, defaultHeaders, sawContentType) &&
+                     AppendHeaders(s.headerList, s.commonHeaders, sawContentType) &&
+                     AppendHeaders(s.headerList, requestHeaders, sawContentType);
+    // The call's content type goes in only where no layer chose one: two would leave the server to pick.
+    if (listBuilt && !sawContentType && contentType != nullptr)
+      listBuilt = AppendLine(s.headerList, std::string("Content-Type: ") + contentType);
+    listBuilt = listBuilt && AppendLine(s.headerList, "Connection: Keep-Alive");
+    if (listBuilt && verbose) {
+      s.requestId = kxRandomUtils::Uuid4Text();
+      listBuilt = AppendLine(s.headerList, "X-Request-ID: " + s.requestId);
+    }
+    if (!listBuilt) return failBeforeTransfer(FormatTransferError(TransferError::kSetHeaders));
+    s.headerListReusable = !verbose && requestHeaders.empty();
+    if (s.headerListReusable) {
+      s.listDefaults = defaultHeaders;
+      s.listCommon = s.commonHeaders;
+      s.listContentType = contentType != nullptr ? contentType : "";
+    }
   }
-  if (!listBuilt || curl_easy_setopt(s.curl, CURLOPT_HTTPHEADER, s.headerList) != CURLE_OK)
-    return failBeforeTransfer(FormatTransferError(TransferError::kSetHeaders));
-  if (curl_easy_setopt(s.curl, CURLOPT_URL, encodedUrl.c_str()) != CURLE_OK)
-    return failBeforeTransfer(FormatTransferError(TransferError::kSetUrl));
+  if (!s.headerListOnHandle) {
+    if (curl_easy_setopt(s.curl, CURLOPT_HTTPHEADER, s.headerList) != CURLE_OK)
+      return failBeforeTransfer(FormatTransferError(TransferError::kSetHeaders));
+    s.headerListOnHandle = true;
+  }
+  if (!s.urlOnHandle) {
+    const bool withCredentials = !url.getUser().empty() || !url.getPassword().empty();
+    std::string encodedUrl = url.toEncodedUrl(true);
+    const bool urlSet = curl_easy_setopt(s.curl, CURLOPT_URL, encodedUrl.c_str()) == CURLE_OK;
+    if (withCredentials) kxStringUtils::SecureClear(encodedUrl);
+    if (!urlSet) return failBeforeTransfer(FormatTransferError(TransferError::kSetUrl));
+    s.urlOnHandle = !withCredentials;
+  }
 
   s.traceEnabled = verbose;
   const int64_t start = GetTimeBaseMs();
@@ -258,9 +286,9 @@ bool HttpConnection::getHttpDataImpl(const HttpUrl& url, const std::string& expe
     return false;
   }
 
-  const char* contentType = nullptr;
-  if (curl_easy_getinfo(s.curl, CURLINFO_CONTENT_TYPE, &contentType) == CURLE_OK && contentType != nullptr)
-    s.receivedContentType = contentType;
+  const char* received = nullptr;
+  if (curl_easy_getinfo(s.curl, CURLINFO_CONTENT_TYPE, &received) == CURLE_OK && received != nullptr)
+    s.receivedContentType = received;
 
   if (expectedStatus >= 1 && expectedStatus != s.httpStatus) {
     s.errorText = FormatTransferError(TransferError::kBadStatus, {std::to_string(s.httpStatus),
@@ -322,6 +350,8 @@ bool HttpConnection::setup(const HttpUrl& url, const kxCancelInterfaceReadOnly* 
     curl_easy_reset(s.curl);
   }
   s.configured = false;
+  s.urlOnHandle = false;
+  s.headerListOnHandle = false;
   if (s.parameters.enableCookies && s.cookieJar == nullptr) {
     s.cookieJar = curl_share_init();
     if (s.cookieJar != nullptr) curl_share_setopt(s.cookieJar, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
@@ -423,6 +453,8 @@ int HttpConnection::installCallOptions(const kxCancelInterfaceReadOnly* cancel, 
 
 void HttpConnection::clearConnection() {
   state_->configured = false;
+  state_->urlOnHandle = false;
+  state_->headerListOnHandle = false;
   if (state_->curl != nullptr) {
     curl_easy_cleanup(state_->curl);
     state_->curl = nullptr;

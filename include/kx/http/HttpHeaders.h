@@ -52,6 +52,12 @@ class KX_EXPORT HttpHeaders {
   static std::string NormalizeHeaderName(const std::string& name);
 
   void clear();
+  // True when no name is present (a name with no values counts as present).
+  bool empty() const { return headers.empty(); }
+
+  // Same names with the same values in the same order.
+  bool operator==(const HttpHeaders& other) const { return headers == other.headers; }
+  bool operator!=(const HttpHeaders& other) const { return !(*this == other); }
 
   // The value list of `name`, or null when the name is absent. A name set with replaceHeader(name)
   // is present with an empty list. The list may be modified in place through the non-const form.
