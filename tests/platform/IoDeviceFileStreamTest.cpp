@@ -59,6 +59,9 @@ TEST_F(IoDeviceFileStreamTest, WritesSeeksAndReadsBack) {
   EXPECT_FALSE(in.seek(3102));
   EXPECT_EQ(in.getDeviceErrorMsg(), "seek beyond the end of the device");
   in.clearDeviceError();
+  EXPECT_FALSE(in.seek(-1));
+  EXPECT_EQ(in.getDeviceErrorMsg(), "seek to a negative position");
+  in.clearDeviceError();
   ASSERT_TRUE(in.seekFrom(-5, kxIoDeviceRandomAccess::SO_End));
   EXPECT_EQ(in.getRemainingSize(), 5);
   ASSERT_TRUE(in.seek(0));

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -95,14 +94,10 @@ TEST(JsonTest, ValuesWithoutJsonFormFailAndLeaveTheTextAlone) {
   }
 }
 
-TEST(JsonTest, EveryAsciiByteAndRandomDoubleReadsBackExactly) {
-  std::string all, json;
-  for (int c = 1; c < 0x80; ++c) all.push_back(static_cast<char>(c));
-  ASSERT_TRUE(Json2Variant::Convert(kxVariant(all), json));
-  EXPECT_TRUE(std::none_of(json.begin(), json.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }));
+// Numbers are converted by this library, not by the JSON reader: every double must survive the trip.
+TEST(JsonTest, RandomDoublesReadBackBitForBit) {
+  std::string json;
   kxVariant back;
-  ASSERT_TRUE(Json2Variant::Convert(json, back));
-  EXPECT_EQ(back.getString(), all);
   std::mt19937_64 random(20240229);
   for (int i = 0; i < 20000; ++i) {
     const uint64_t bits = random();

@@ -55,7 +55,7 @@ TEST(VariantTest, ReadsAsStringIntegerBoolAndDouble) {
 }
 
 TEST(VariantTest, EqualityIsDeepAndStrictOnForm) {
-  const kxVariant a(kxVariantMapImpl{{"k", kxVariantListImpl{1, "x", kxVariantMapImpl{{"z", nullptr}}}}});
+  const kxVariant a(kxVariantMapImpl{{"k", kxVariantListImpl{1, true, kxVariantMapImpl{{"z", nullptr}}}}});
   kxVariant b = a;
   EXPECT_EQ(a, b);
   b["k"].editList()[2]["z"] = false;  // a copy is independent
