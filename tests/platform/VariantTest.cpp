@@ -33,7 +33,7 @@ TEST(VariantTest, ReadsAsStringIntegerBoolAndDouble) {
       {kxVariant("9223372036854775808"), "9223372036854775808", true, kMax, false},
       {kxVariant("+5"), "+5", true, 0, false},
       {kxVariant("12abc"), "12abc", true, 0, false},
-      {kxVariant(""), "", true, 0, false},
+      {kxVariant(std::string()), "", true, 0, false},
       {kxVariant(kxVariantMapImpl{{"a", 1}}), "", false, 0, false},
   };
   for (const auto& [value, text, textOk, integer, integerOk] : cases) {
