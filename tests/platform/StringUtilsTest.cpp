@@ -4,6 +4,7 @@
 
 #include <clocale>
 #include <limits>
+#include <list>
 #include <set>
 #include <string>
 #include <vector>
@@ -51,6 +52,7 @@ TEST(StringUtilsTest, SplitJoinByteClassesAndEncodings) {
   EXPECT_EQ(su::Split("", ','), (std::vector<std::string>{""}));
   EXPECT_EQ(su::SplitSkipEmpty("/a//b/", '/'), (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(su::Join(std::set<std::string>{"b", "a"}, ",", "'"), "'a','b'");
+  EXPECT_EQ(su::Join(std::list<std::string>{"x"}, ", "), "x");
   EXPECT_EQ(su::Join(std::vector<std::string>{"a", "", "b"}, "/"), "a//b");
   for (const std::string& bad : {std::string("a\0b", 3), std::string("\x1F"), std::string("\x7F")}) {
     EXPECT_TRUE(su::ContainsAsciiNonPrintableChar(bad));

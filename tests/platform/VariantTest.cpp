@@ -33,7 +33,7 @@ TEST(VariantTest, ReadsAsStringIntegerBoolAndDouble) {
       {kxVariant("9223372036854775808"), "9223372036854775808", true, kMax, false},
       {kxVariant("+5"), "+5", true, 0, false},
       {kxVariant("12abc"), "12abc", true, 0, false},
-      {kxVariant(std::string()), "", true, 0, false},
+      {kxVariant(""), "", true, 0, false},
       {kxVariant(kxVariantMapImpl{{"a", 1}}), "", false, 0, false},
   };
   for (const auto& [value, text, textOk, integer, integerOk] : cases) {
@@ -71,7 +71,8 @@ TEST(VariantTest, AssignmentFromAChildAndEditsOfAnotherForm) {
   tree = tree["a"];  // the source dies with the old value: the copy must be taken first
   EXPECT_EQ(tree, kxVariant(kxVariantMapImpl{{"b", "deep"}}));
   tree = std::move(tree["b"]);
-  EXPECT_EQ(tree, kxVariant("deep"));
+  const std::string deep = "deep";
+  EXPECT_EQ(tree, kxVariant(deep));
   kxVariant value(5);
   EXPECT_TRUE(value.getString().empty());
   EXPECT_EQ(value.getAt(0), nullptr);
