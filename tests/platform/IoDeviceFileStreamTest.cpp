@@ -6,10 +6,8 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,18 +18,10 @@ namespace fs = std::filesystem;
 
 class IoDeviceFileStreamTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "kxIoDeviceFileStreamXXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
+  void SetUp() override { ASSERT_NE(mkdtemp(dir_.data()), nullptr); }
   void TearDown() override { fs::remove_all(dir_); }
-  std::string path(const char* name) const { return (dir_ / name).string(); }
-  static std::string contentOf(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  fs::path dir_;
+  std::string path(const char* name) const { return dir_ + "/" + name; }
+  std::string dir_ = (fs::temp_directory_path() / "kxIoDeviceFileStreamXXXXXX").string();
 };
 
 TEST_F(IoDeviceFileStreamTest, WritesSeeksAndReadsBack) {
@@ -40,22 +30,17 @@ TEST_F(IoDeviceFileStreamTest, WritesSeeksAndReadsBack) {
   for (size_t i = 0; i < expected.size(); ++i) expected[i] = static_cast<char>((i * 13 + 1) % 256);
   kxIoDeviceFileStream out;
   ASSERT_TRUE(out.open(file, kxIoDevice::DW_Write, kxIoDeviceFileStream::OF_Binary)) << out.getDeviceErrorMsg();
-  ASSERT_TRUE(out.writeAll(expected));
-  ASSERT_TRUE(out.seek(10));
-  ASSERT_TRUE(out.writeAll("XY"));
+  ASSERT_TRUE(out.writeAll(expected) && out.seek(10) && out.writeAll("XY"));
   EXPECT_EQ(out.getSize(), 3000);  // asking for the size does not move the stream
   ASSERT_TRUE(out.writeAll("Z"));
   EXPECT_EQ(out.getPosition(), 13);
-  ASSERT_TRUE(out.seek(3100));  // past the end while writing: a hole of zeros
-  ASSERT_TRUE(out.writeAll("z"));
+  ASSERT_TRUE(out.seek(3100) && out.writeAll("z"));  // past the end while writing: a hole of zeros
   EXPECT_TRUE(out.close());
   expected.replace(10, 3, "XYZ");
   expected += std::string(100, '\0') + "z";
-  EXPECT_TRUE(contentOf(file) == expected);
 
   kxIoDeviceFileStream in;
   ASSERT_TRUE(in.open(file, kxIoDevice::DW_Read, 1));
-  EXPECT_EQ(in.getSize(), 3101);
   ASSERT_TRUE(in.seek(3091));
   char buffer[100];
   ASSERT_EQ(in.read(buffer, sizeof buffer), 10u);
@@ -64,11 +49,11 @@ TEST_F(IoDeviceFileStreamTest, WritesSeeksAndReadsBack) {
   EXPECT_FALSE(in.seek(3102));
   EXPECT_EQ(in.getDeviceErrorMsg(), "seek beyond the end of the device");
   in.clearDeviceError();
-  ASSERT_TRUE(in.seekFrom(-5, kxIoDeviceRandomAccess::SO_End));
-  EXPECT_EQ(in.getRemainingSize(), 5);
-  EXPECT_FALSE(in.seekFrom(-1, kxIoDeviceRandomAccess::SO_Begin));
+  EXPECT_FALSE(in.seek(-1));
   EXPECT_EQ(in.getDeviceErrorMsg(), "seek to a negative position");
   in.clearDeviceError();
+  ASSERT_TRUE(in.seekFrom(-5, kxIoDeviceRandomAccess::SO_End));
+  EXPECT_EQ(in.getRemainingSize(), 5);
   ASSERT_TRUE(in.seek(0));
   kxIoDeviceStringWriteOnly sink;
   std::vector<char> scratch(7);
@@ -80,36 +65,32 @@ TEST_F(IoDeviceFileStreamTest, WritesSeeksAndReadsBack) {
 
 TEST_F(IoDeviceFileStreamTest, AppendAndExclusiveKeepExistingContent) {
   const std::string file = path("log.txt");
-  kxIoDeviceFileStream stream;
-  ASSERT_TRUE(stream.open(file, kxIoDevice::DW_Write, kxIoDeviceFileStream::OF_Exclusive));
-  ASSERT_TRUE(stream.writeAll("abc"));
+  kxIoDeviceFileStream stream, reader;
+  ASSERT_TRUE(stream.open(file, kxIoDevice::DW_Write, kxIoDeviceFileStream::OF_Exclusive) && stream.writeAll("abc"));
   ASSERT_TRUE(stream.close());
   ASSERT_TRUE(stream.open(file, kxIoDevice::DW_Write, kxIoDeviceFileStream::OF_Append));
   EXPECT_EQ(stream.getPosition(), 3);
-  ASSERT_TRUE(stream.seek(0));  // appending ignores the position
-  ASSERT_TRUE(stream.writeAll("de"));
+  ASSERT_TRUE(stream.seek(0) && stream.writeAll("de"));  // appending ignores the position
   EXPECT_EQ(stream.getPosition(), 5);
   ASSERT_TRUE(stream.close());
-  EXPECT_EQ(contentOf(file), "abcde");
-
   EXPECT_FALSE(stream.open(file, kxIoDevice::DW_Write, kxIoDeviceFileStream::OF_Exclusive));
   EXPECT_EQ(stream.getDeviceErrorMsg(), "Failed to open file " + file + " : File exists");
-  EXPECT_EQ(contentOf(file), "abcde");
-  ASSERT_TRUE(stream.open(file, kxIoDevice::DW_Read));  // a closed stream starts afresh
+  ASSERT_TRUE(stream.open(file, kxIoDevice::DW_Read));  // a failed open leaves the stream reusable
   EXPECT_FALSE(stream.open(file, kxIoDevice::DW_Read));
   EXPECT_EQ(stream.getDeviceErrorMsg(), "file is already open");
-  kxIoDeviceFileStream reader;
   ASSERT_TRUE(reader.open(file, kxIoDevice::DW_Read));
+  char buffer[8];
+  EXPECT_EQ(std::string(buffer, reader.read(buffer, sizeof buffer)), "abcde");
   EXPECT_EQ(reader.write("y", 1), 0u);
   EXPECT_EQ(reader.getDeviceErrorMsg(), "write called on a read only device");
 }
 
 TEST_F(IoDeviceFileStreamTest, OpenFailuresHaveTexts) {
-  const std::string missing = path("missing.bin"), existing = path("existing.bin");
+  const std::string missing = path("missing.bin"), existing = path("existing.bin"), dir = dir_;
   std::ofstream(existing) << "x";
   const std::tuple<std::string, kxIoDevice::DataWay, int, std::string> cases[] = {
       {missing, kxIoDevice::DW_Read, 1, "Failed to open file " + missing + " : No such file or directory"},
-      {dir_.string(), kxIoDevice::DW_Read, 1, "Failed to open file " + dir_.string() + " : Is a directory"},
+      {dir, kxIoDevice::DW_Read, 1, "Failed to open file " + dir + " : Is a directory"},
       {"", kxIoDevice::DW_Read, 1, "empty file path"},
       {path("bad\xff"), kxIoDevice::DW_Write, 1, "file path is not valid UTF-8"},
       {existing + std::string("\0x", 2), kxIoDevice::DW_Read, 1, "file path is not valid UTF-8"},
@@ -123,7 +104,6 @@ TEST_F(IoDeviceFileStreamTest, OpenFailuresHaveTexts) {
     EXPECT_EQ(stream.getDeviceErrorMsg(), text);
   }
   EXPECT_FALSE(fs::exists(path("bad\xff")));
-
   kxIoDeviceFileStream closed;
   char buffer[4];
   EXPECT_EQ(closed.read(buffer, 4), 0u);
@@ -145,8 +125,7 @@ TEST_F(IoDeviceFileStreamTest, UnseekableFileEndsAtItsFirstEmptyRead) {
   char buffer[8];
   ASSERT_EQ(in.read(buffer, sizeof buffer), 2u);
   EXPECT_EQ(in.read(buffer, sizeof buffer), 0u);
-  EXPECT_TRUE(in.atEnd());
-  EXPECT_TRUE(in.good());
+  EXPECT_TRUE(in.atEnd() && in.good());
   EXPECT_FALSE(in.seek(0));
   EXPECT_EQ(in.getDeviceErrorMsg(), "seek failed : Illegal seek");
 }

@@ -2,7 +2,6 @@
 #include <kx/system/kxMultithreadTemplateHolder.h>
 #include <kx/system/kxMutexLocker.h>
 #include <kx/system/kxThread.h>
-#include <kx/system/kxWaitCondition.h>
 
 #include <gtest/gtest.h>
 
@@ -10,54 +9,31 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
 constexpr int64_t kLongMs = 10000;
 
-// A thread body that blocks until released, so tests can observe the running state without sleeping.
-struct Gate {
-  kx::kxMutex mutex;
-  kx::kxWaitCondition condition;
-  bool entered = false, open = false;
-
-  void pass(bool block = true) {
-    kx::kxMutexLocker locker(mutex);
-    entered = true;
-    condition.wakeAll();
-    while (block && !open) condition.wait(mutex);
-  }
-  bool waitEntered() {
-    kx::kxMutexLocker locker(mutex);
-    while (!entered) {
-      if (!condition.wait(mutex, kLongMs)) return false;
-    }
-    return true;
-  }
-  void release() {
-    kx::kxMutexLocker locker(mutex);
-    open = true;
-    condition.wakeAll();
-  }
-};
-
-TEST(kxThreadTest, RunsTheFunctionAndReportsItsState) {
-  Gate gate;
-  kx::kxThread thread([&] { gate.pass(); });
+TEST(kxThreadTest, RunsTheFunctionAgainAfterAJoinAndReportsItsState) {
+  std::atomic<int> runs{0};
+  std::atomic<bool> open{false};
+  kx::kxThread thread([&] {
+    ++runs;
+    while (!open) std::this_thread::yield();
+  });
   EXPECT_TRUE(thread.join());  // never started: nothing to wait for
   ASSERT_TRUE(thread.start());
-  ASSERT_TRUE(gate.waitEntered());
+  while (runs == 0) std::this_thread::yield();
   EXPECT_TRUE(thread.isRunning());
   EXPECT_FALSE(thread.start());   // already running
   EXPECT_FALSE(thread.join(10));  // times out while the body blocks
-  gate.release();
+  open = true;
   ASSERT_TRUE(thread.join(kLongMs));
   EXPECT_TRUE(thread.isFinished());
-  gate.entered = false;
-  ASSERT_TRUE(thread.start());  // a joined thread can run again
-  ASSERT_TRUE(thread.join(kLongMs));
-  EXPECT_TRUE(gate.entered);
+  ASSERT_TRUE(thread.start() && thread.join());
+  EXPECT_EQ(runs, 2);
 }
 
 TEST(kxThreadTest, SelfJoinFailsAndAnEscapingExceptionIsLogged) {
@@ -70,11 +46,8 @@ TEST(kxThreadTest, SelfJoinFailsAndAnEscapingExceptionIsLogged) {
   });
   self = &thread;
   std::string logged;
-  kx::kxLog::setSink([&](const kx::kxLogRecord& r) {
-    if (r.category == "kxSystem") logged = r.text;
-  });
-  ASSERT_TRUE(thread.start());
-  ASSERT_TRUE(thread.join(kLongMs));
+  kx::kxLog::setSink([&](const kx::kxLogRecord& r) { logged += r.category == "kxSystem" ? r.text : ""; });
+  ASSERT_TRUE(thread.start() && thread.join(kLongMs));
   kx::kxLog::setSink({});
   EXPECT_FALSE(selfJoin);  // instead of a deadlock
   EXPECT_TRUE(isCurrent);
@@ -84,40 +57,36 @@ TEST(kxThreadTest, SelfJoinFailsAndAnEscapingExceptionIsLogged) {
 
 TEST(kxThreadTest, MayBeDestroyedFromItsOwnRun) {
   struct SelfDeleting : kx::kxThread {
-    Gate* gate = nullptr;
+    std::atomic<bool>* done = nullptr;
     void run() override {
-      Gate* g = gate;
+      std::atomic<bool>* d = done;
       delete this;  // the thread ends afterwards without touching the freed object (ASan checks)
-      g->pass(false);
+      *d = true;
     }
   };
-  Gate gate;
+  std::atomic<bool> done{false};
   auto* thread = new SelfDeleting;
-  thread->gate = &gate;
+  thread->done = &done;
   ASSERT_TRUE(thread->start());
-  EXPECT_TRUE(gate.waitEntered());
+  while (!done) std::this_thread::yield();
 }
 
 TEST(kxMutexLockerTest, UnlockAndRelockTrackTheMutex) {
   kx::kxMutex mutex;
-  {
-    kx::kxMutexLocker locker(mutex);
-    EXPECT_FALSE(mutex.tryLock());
-    locker.unlock();
-    locker.unlock();  // harmless twice
-    ASSERT_TRUE(mutex.tryLock());
+  for (bool relock : {true, false}) {
+    {
+      kx::kxMutexLocker locker(mutex);
+      EXPECT_FALSE(mutex.tryLock());
+      locker.unlock();
+      locker.unlock();  // harmless twice, and the destructor must not unlock again
+      ASSERT_TRUE(mutex.tryLock());
+      mutex.unlock();
+      if (relock) locker.relock();
+      EXPECT_EQ(locker.isLocked(), relock);
+    }
+    EXPECT_TRUE(mutex.tryLock());  // released by the destructor
     mutex.unlock();
-    locker.relock();
-    EXPECT_TRUE(locker.isLocked());
   }
-  EXPECT_TRUE(mutex.tryLock());  // released by the destructor
-  mutex.unlock();
-  {
-    kx::kxMutexLocker locker(mutex);
-    locker.unlock();
-  }  // must not unlock a second time
-  EXPECT_TRUE(mutex.tryLock());
-  mutex.unlock();
 }
 
 using Holder = kx::kxMultithreadTemplateHolder<std::string>;
@@ -130,18 +99,16 @@ TEST(kxMultithreadTemplateHolderTest, EveryChangeAndOnlyAChangeMovesTheVersion) 
   EXPECT_EQ(holder.set("b"), 1u);
   EXPECT_EQ(holder.update([](std::string& s) { s += "c"; }), 2u);          // void: always a change
   EXPECT_EQ(holder.update([](std::string& s) { return s == "x"; }), 2u);  // false: untouched
-  EXPECT_TRUE(holder.getIfChanged(local, seen));
-  EXPECT_EQ(local, "bc");
-  EXPECT_EQ(seen, 2u);
+  EXPECT_TRUE(holder.getIfChanged(local, seen) && local == "bc" && seen == 2u);
   EXPECT_FALSE(holder.getIfChanged(local, seen));
 }
 
 TEST(kxMultithreadTemplateHolderTest, ConcurrentUpdatesAreNeitherLostNorTorn) {
   Holder holder;
   constexpr int kThreads = 4, kRounds = 2000;
-  std::vector<std::unique_ptr<kx::kxThread>> threads;
+  std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
-    threads.push_back(std::make_unique<kx::kxThread>([&holder, t] {
+    threads.emplace_back([&holder, t] {
       std::string seen;
       uint64_t version = 0;
       for (int i = 0; i < kRounds; ++i) {
@@ -149,10 +116,9 @@ TEST(kxMultithreadTemplateHolderTest, ConcurrentUpdatesAreNeitherLostNorTorn) {
         holder.getIfChanged(seen, version);
         ASSERT_EQ(seen.size(), version);  // a copy always matches the version it came with
       }
-    }));
-    ASSERT_TRUE(threads.back()->start());
+    });
   }
-  for (auto& t : threads) ASSERT_TRUE(t->join());
+  for (auto& t : threads) t.join();
   EXPECT_EQ(holder.getVersion(), uint64_t{kThreads} * kRounds);
   EXPECT_EQ(holder.get().size(), size_t{kThreads} * kRounds);
 }

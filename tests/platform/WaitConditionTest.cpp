@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -28,50 +27,30 @@ TEST(kxWaitConditionTest, TimedWaitTimesOutWithTheMutexHeldAgainAndKeepsNoEarlyW
 }
 
 // Waiters announce themselves under the mutex, so once `waiting` reaches n every one of them is inside
-// wait() (the mutex is released only there).
-struct Waiters {
-  kx::kxMutex mutex;
-  kx::kxWaitCondition condition;
-  int waiting = 0;
-  std::atomic<int> woken{0}, timedOut{0};
-  std::vector<std::unique_ptr<kx::kxThread>> threads;
-
-  void start(int n, int64_t timeoutMs) {
+// wait() (the mutex is released only there). wakeOne must leave the others to their own time-out;
+// wakeAll releases untimed waiters.
+TEST(kxWaitConditionTest, WakeOneWakesExactlyOneWaiterAndWakeAllEveryOne) {
+  for (const bool all : {false, true}) {
+    kx::kxMutex mutex;
+    kx::kxWaitCondition condition;
+    int waiting = 0, woken = 0, n = all ? 4 : 3;
+    std::vector<std::unique_ptr<kx::kxThread>> threads;
     for (int i = 0; i < n; ++i) {
-      threads.push_back(std::make_unique<kx::kxThread>([this, timeoutMs] {
+      threads.push_back(std::make_unique<kx::kxThread>([&] {
         kx::kxMutexLocker locker(mutex);
         ++waiting;
-        (condition.wait(mutex, timeoutMs) ? woken : timedOut)++;
+        woken += all ? (condition.wait(mutex), true) : condition.wait(mutex, 400);
       }));
       ASSERT_TRUE(threads.back()->start());
     }
-    for (;;) {
-      kx::kxMutexLocker locker(mutex);
-      if (waiting == n) break;
+    for (kx::kxMutexLocker locker(mutex); waiting < n; locker.relock()) {
       locker.unlock();
       std::this_thread::yield();
     }
+    all ? condition.wakeAll() : condition.wakeOne();
+    for (auto& t : threads) ASSERT_TRUE(t->join(kLongMs));  // bounded well below the waiters' own time-out
+    EXPECT_EQ(woken, all ? n : 1);
   }
-  void joinAll() {
-    for (auto& t : threads) ASSERT_TRUE(t->join(kLongMs));
-  }
-};
-
-TEST(kxWaitConditionTest, WakeOneWakesExactlyOneWaiter) {
-  Waiters w;
-  w.start(3, 400);
-  w.condition.wakeOne();
-  w.joinAll();
-  EXPECT_EQ(w.woken, 1);
-  EXPECT_EQ(w.timedOut, 2);
-}
-
-TEST(kxWaitConditionTest, WakeAllWakesEveryWaiter) {
-  Waiters w;
-  w.start(4, 60000);
-  w.condition.wakeAll();
-  w.joinAll();  // bounded well below the waiters' own time-out
-  EXPECT_EQ(w.woken, 4);
 }
 
 // A producer/consumer ping-pong: a lost wake-up would stall the loop until the bounded wait fails.
@@ -82,14 +61,9 @@ TEST(kxWaitConditionTest, PingPongLosesNoWakeUp) {
   bool stalled = false;
   constexpr int kRounds = 2000;
   auto player = [&](int me) {
-    for (int i = 0; i < kRounds; ++i) {
+    for (int i = 0; i < kRounds && !stalled; ++i) {
       kx::kxMutexLocker locker(mutex);
-      while (turn % 2 != me) {
-        if (!condition.wait(mutex, kLongMs)) {
-          stalled = true;
-          return;
-        }
-      }
+      while (turn % 2 != me && !stalled) stalled = !condition.wait(mutex, kLongMs);
       ++turn;
       condition.wakeAll();
     }
