@@ -73,6 +73,7 @@ TEST(HttpHeadersTest, IterationStopsAtFirstFalseMayEditValuesAndRefusesEmptyVisi
   const HttpHeaders& view = headers;
   EXPECT_TRUE(headers.iterateOverHeaders(nullptr));  // nothing to visit
   EXPECT_TRUE(view.iterateOverHeaders(nullptr));
+  EXPECT_TRUE(headers.iterateOverHeaders([](const std::string&, Values&) { return false; }));
   for (const char* name : {"a", "b", "c"}) headers.addHeaderValue(name, "v");
   std::vector<std::string> seen;
   EXPECT_FALSE(headers.iterateOverHeaders([&](const std::string& name, Values& values) {

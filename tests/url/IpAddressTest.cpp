@@ -101,6 +101,8 @@ TEST(IpAddressTest, SocketAddressesKeepPortAndScopeOutsideComparison) {
   EXPECT_EQ(c.getSockaddrLen(), sizeof(sockaddr_in));
   EXPECT_EQ(IpAddress().getAddressAsString(true), "");
   EXPECT_EQ(IpAddress().getSockaddrLen(), 0u);
+  EXPECT_EQ(IpAddress().getSockaddr(), nullptr);
+  EXPECT_EQ(c.getSockaddr(), reinterpret_cast<const sockaddr*>(c.getIPv4Sockaddr()));
 
   // Moving leaves an Invalid address behind.
   IpAddress moved(std::move(c));

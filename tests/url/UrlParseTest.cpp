@@ -18,8 +18,10 @@ using namespace std::string_literals;
 
 // Every component in one line: "scheme|user:password|host|port|/seg/seg|&key=value&...|#fragment".
 std::string Describe(const Url& url) {
-  std::string out = url.getScheme() + "|" + url.getUser() + ":" + url.getPassword() + "|" + url.getHost() +
-                    "|" + std::to_string(url.getPort()) + "|";
+  std::string user, password;
+  url.getCredentials(user, password);
+  std::string out = url.getScheme() + "|" + user + ":" + password + "|" + url.getHost() + "|" +
+                    std::to_string(url.getPort()) + "|";
   for (const std::string& segment : url.getPathSegments()) out += "/" + segment;
   out += "|";
   for (const auto& [key, value] : url.getQueryParameters()) out += "&" + key + "=" + value;
