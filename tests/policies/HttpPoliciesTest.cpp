@@ -214,7 +214,7 @@ TEST(PolicyEnumNamesTest, DeclarationsNumberedLikeCpp) {
       {"A , , B", {{0, {"A"}}, {1, {"B"}}}},                        // empty pieces take no value
       {"A = -1 , B , C = 255 , D", {{0, {"B"}}, {255, {"C"}}}},     // values outside a byte name nothing
   };
-  for (const auto& [declaration, expected] : cases) EXPECT_EQ(ParseEnumDeclaration(declaration), expected) << declaration;
+  for (const auto& [text, expected] : cases) EXPECT_EQ(ParseEnumDeclaration(text), expected) << text;
   // The library's tables are filled before any test runs; a value without a name prints in decimal.
   EXPECT_EQ(EnumValueName(__EnumToStringMapOf_ProxyPolicy, PP_StaticProxy), "PP_StaticProxy");
   EXPECT_EQ(EnumValueName(__EnumToStringMapOf_SSLValidatePolicy, 200), "200");
