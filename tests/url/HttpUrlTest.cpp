@@ -177,7 +177,6 @@ void ClientCert(HttpPolicies& p) { ASSERT_TRUE(p.setClientCertificatePolicyBlobP
 
 const DisplayCase kDisplayCases[] = {
     {"NoMarkerWithDefaults", nullptr, nullptr, ""},
-    {"OwnVerifyBeatsDefaults", [](HttpPolicies& p) { p.setSSLValidatePolicy(SVP_VerifyPeerAndHost); }, NoVerify, ""},
     {"OutOfRangeValidationCountsAsNoVerify",
      [](HttpPolicies& p) { p.setSSLValidatePolicy(static_cast<SSLValidatePolicy>(9)); }, nullptr, " {NoVerifySSLPeer}"},
     {"AutomaticProxy", [](HttpPolicies& p) { p.setHttpProxyPolicy(PP_AutomaticProxy); }, nullptr, " {Proxy:Auto}"},
