@@ -55,7 +55,7 @@ const ParseCase kParseCases[] = {
     {"EscapedSlashStaysInSegment", "http://h/a%2Fb/c", "http|:|h|0|/a/b/c||"},
     {"Utf8SegmentPlusKept", "http://h/caf%C3%A9+x", "http|:|h|0|/caf\xC3\xA9+x||"},
     {"RepeatedKeysInOrder", "http://h/?a=1&a=2&b", "http|:|h|0|/|&a=1&a=2&b=|"},
-    {"PlusInQueryIsSpace", "http://h?q=a+b%2B", "http|:|h|0||&q=a b+|"},
+    {"PlusInQueryIsSpace", "http://h?q=a+b%2Bcdefghij", "http|:|h|0||&q=a b+cdefghij|"},
     {"Fragment", "http://h/p#sec%20two", "http|:|h|0|/p||#sec two"},
     {"EmptyFragmentIsNone", "http://h/#", "http|:|h|0|/||"},
     {"NoHost", "mailto:x@y", "mailto|:||0|/x@y||"},
@@ -76,6 +76,7 @@ const ParseCase kParseCases[] = {
     {"InvalidUtf8InUser", "http://u%FF:p@h/", "!invalid utf8 string in credentials"},
     {"ControlInPassword", "http://u:%0D@h/", "!invalid utf8 string in credentials"},
     {"EscapedNulInQueryKey", "http://h/?%00", "!Invalid utf8 string"},
+    {"EscapedDelInQuery", "http://h/?a=1&b=%7F", "!Found ASCII forbidden char in string"},
     {"EscapedInvalidUtf8InQuery", "http://h/?a=%C3", "!Invalid utf8 string"},
     // Query items are checked in order, the key before the value, whatever comes later.
     {"QueryControlBeforeLaterNul", "http://h/?a=%0A&b=%00", "!Found ASCII forbidden char in string"},
