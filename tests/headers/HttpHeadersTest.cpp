@@ -28,12 +28,12 @@ TEST(HttpHeadersTest, NamesFoldAsciiCaseOnlyAndIterateInByteOrder) {
   headers.addHeaderValue("Content-Type", "Text/HTML ");
   headers.addHeaderValue("CONTENT-TYPE", "b");
   headers.addHeaderValue(" Content-Type", "c");  // blanks are part of the name
-  for (const char* name : {"\xC3\x89", "Z"}) headers.addHeaderValue(name, name);
+  for (const char* name : {"\xC3\x89Z", "Z"}) headers.addHeaderValue(name, name);
   ASSERT_NE(headers.find("content-TYPE"), nullptr);
   EXPECT_FALSE(headers.contains("Content-Type "));
-  // 0xC3 sorts after every ASCII byte: unsigned comparison, whatever the signedness of char.
+  // Only ASCII letters fold; 0xC3 sorts after every ASCII byte, whatever the signedness of char.
   EXPECT_EQ(Dump(headers), (Entries{{" content-type", {"c"}}, {"content-type", {"Text/HTML ", "b"}}, {"z", {"Z"}},
-                                    {"\xC3\x89", {"\xC3\x89"}}}));
+                                    {"\xC3\x89z", {"\xC3\x89Z"}}}));
   headers.removeHeader("Z");
   headers.removeHeader("absent");
   EXPECT_FALSE(headers.contains("z"));
