@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <iterator>
 #include <list>
 #include <map>
 #include <string>
@@ -29,13 +30,8 @@ struct SplitCase {
 };
 
 const SplitCase kSplitCases[] = {
-    {"CommaList", "Accept: text/html, application/json\r\n", true, "accept", {"text/html", "application/json"}},
-    {"DateKeepsCommas", "Date: Tue, 15 Nov 1994 08:12:31 GMT\r\n", true, "date", {"Tue, 15 Nov 1994 08:12:31 GMT"}},
     {"SingleValueNameFolded", "IF-Modified-Since: Sat, 29 Oct 1994\r\n", true, "if-modified-since", {"Sat, 29 Oct 1994"}},
-    {"HostIpv6", "Host: [::1]:8080\r\n", true, "host", {"[::1]:8080"}},
     {"FirstColonCuts", "Location: http://h:80/a,b\r\n", true, "location", {"http://h:80/a", "b"}},
-    {"SetCookieExpiresIsSplit", "Set-Cookie: id=1; Expires=Wed, 21 Oct 2015\r\n", true, "set-cookie",
-     {"id=1; Expires=Wed", "21 Oct 2015"}},
     {"QuotedCommaKept", "Link: \"a,b\", c\r\n", true, "link", {"\"a,b\"", "c"}},
     {"EscapedQuoteInQuotes", "X: \"a\\\",b\", c", true, "x", {"\"a\\\",b\"", "c"}},
     {"DoubleBackslashClosesQuote", "X: \"a\\\\\", b", true, "x", {"\"a\\\\\"", "b"}},
@@ -53,7 +49,6 @@ const SplitCase kSplitCases[] = {
     // A NUL ends the line, as it ends the text of ParseMultiValueHeader.
     {"NulEndsValue", "X: a\0b, c\r\n"sv, true, "x", {"a"}},
     {"NulEndsName", "Host\0: evil\r\n"sv, true, "Host", {}},
-    {"NulFirstIsBlankLine", "\0X: y\r\n"sv, false, "", {}},
 };
 
 class SplitHttpHeaderTest : public testing::TestWithParam<SplitCase> {};
@@ -84,39 +79,18 @@ TEST(ParseMultiValueHeaderTest, AppendsAndFailureOrNullLeaveValuesEmpty) {
   EXPECT_FALSE(HttpHeaders::SplitHttpHeader(nullptr, 4, name, values));
 }
 
-struct KeyPairCase {
-  std::string_view label;
-  std::vector<std::string> items;
-  bool ok;
-  std::map<std::string, std::string> pairs;
-};
-
-const KeyPairCase kKeyPairCases[] = {
-    {"NoItems", {}, true, {}},
-    {"TrimsKeepsQuotesAndCase", {"Max = 5", " b= \"x y\" "}, true, {{"Max", "5"}, {"b", "\"x y\""}}},
-    {"FirstEqualCuts", {"k=v=w"}, true, {{"k", "v=w"}}},
-    {"EmptyKeyAccepted", {"=v"}, true, {{"", "v"}}},
-    {"EmptyItemStops", {"a=1", "", "b=2"}, false, {{"a", "1"}}},
-    {"MissingEqualStops", {"a=1", "  ", "b=2"}, false, {{"a", "1"}}},
-    {"RepeatedKeyFirstWins", {"a=1", "a=2", "c=3"}, false, {{"a", "1"}}},
-};
-
-class ExtractHeaderKeyPairValuesTest : public testing::TestWithParam<KeyPairCase> {};
-
-TEST_P(ExtractHeaderKeyPairValuesTest, StoresPairsUntilFirstBadItem) {
-  const KeyPairCase& c = GetParam();
-  std::map<std::string, std::string> pairs;
-  EXPECT_EQ(HttpHeaders::ExtractHeaderKeyPairValues(Values(c.items.begin(), c.items.end()), pairs), c.ok);
-  EXPECT_EQ(pairs, c.pairs);
-}
-
-INSTANTIATE_TEST_SUITE_P(Headers, ExtractHeaderKeyPairValuesTest, testing::ValuesIn(kKeyPairCases),
-                         [](const auto& info) { return std::string(info.param.label); });
-
-TEST(ExtractHeaderKeyPairValuesTest, KeyAlreadyPresentBeforeCallFails) {
-  std::map<std::string, std::string> pairs{{"a", "old"}};
-  EXPECT_FALSE(HttpHeaders::ExtractHeaderKeyPairValues({"b=1", "a=new"}, pairs));
-  EXPECT_EQ(pairs, (std::map<std::string, std::string>{{"a", "old"}, {"b", "1"}}));
+// Items are trimmed around the first "="; the first empty, "="-less or repeated item stops the walk,
+// with the pairs before it stored.
+TEST(ExtractHeaderKeyPairValuesTest, StoresPairsUntilFirstBadItem) {
+  using Pairs = std::map<std::string, std::string>;
+  Pairs pairs;
+  EXPECT_TRUE(HttpHeaders::ExtractHeaderKeyPairValues({"Max = 5", " b= \"x y\" ", "k=v=w", "=v"}, pairs));
+  EXPECT_EQ(pairs, (Pairs{{"Max", "5"}, {"b", "\"x y\""}, {"k", "v=w"}, {"", "v"}}));
+  for (const Values& items : {Values{"a=1", "", "b=2"}, Values{"a=1", "  ", "b=2"}, Values{"a=1", "a=2", "c=3"}}) {
+    pairs.clear();
+    EXPECT_FALSE(HttpHeaders::ExtractHeaderKeyPairValues(items, pairs)) << *std::next(items.begin());
+    EXPECT_EQ(pairs, (Pairs{{"a", "1"}}));
+  }
 }
 
 // The C tolower of a Turkish locale folds 'I' to a dotless i (or leaves it), and its isspace may count
@@ -137,11 +111,7 @@ TEST(HeaderLocaleTest, TurkishLocaleChangesNothing) {
   EXPECT_TRUE(Split("X-I\xDD: \xA0" "a\xA0, \xFD\r\n", name, values));
   EXPECT_EQ(name, "x-i\xDD");
   EXPECT_EQ(values, (Values{"\xA0" "a\xA0", "\xFD"}));
-
-  HttpHeaders headers;
-  headers.addHeaderValue("If-Modified-Since", "x");
   EXPECT_EQ(HttpHeaders::NormalizeHeaderName("IDENTITY"), "identity");
-  EXPECT_TRUE(headers.contains("IF-MODIFIED-SINCE"));
   std::setlocale(LC_ALL, saved.c_str());
 }
 

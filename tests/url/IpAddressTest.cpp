@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace kx {
@@ -30,9 +29,7 @@ const AddressCase kAddressCases[] = {
     {"Ipv4AsIpv6Refused", "1.2.3.4", IpAddress::IPv6, IpAddress::Invalid, ""},
     {"Ipv6AsIpv4Refused", "::1", IpAddress::IPv4, IpAddress::Invalid, ""},
     {"Ipv6Compressed", "2001:DB8:0:0:0:0:0:1", IpAddress::IPv6, IpAddress::IPv6, "2001:db8::1"},
-    {"Ipv6Mapped", "::ffff:10.0.0.1", IpAddress::Invalid, IpAddress::IPv6, "::ffff:10.0.0.1"},
     {"BracketsRefused", "[::1]", IpAddress::Invalid, IpAddress::Invalid, ""},
-    {"NameRefused", "localhost", IpAddress::Invalid, IpAddress::Invalid, ""},
     {"EmptyRefused", "", IpAddress::Invalid, IpAddress::Invalid, ""},
 };
 
@@ -63,7 +60,6 @@ const CompareCase kCompareCases[] = {
     {"MappedEqualsIpv4", "::ffff:10.0.0.1", "10.0.0.1", true},
     {"MappedOtherIpv4", "::ffff:10.0.0.2", "10.0.0.1", false},
     {"CompatibleIsNotMapped", "::10.0.0.1", "10.0.0.1", false},
-    {"WrongMarkerIsNotMapped", "::fffe:10.0.0.1", "10.0.0.1", false},
     {"BothInvalid", "x", "y", true},
     {"InvalidAgainstIpv4", "x", "0.0.0.0", false},
 };
@@ -81,7 +77,7 @@ TEST_P(IpAddressCompareTest, ComparesAddressesOnlyBothWays) {
 INSTANTIATE_TEST_SUITE_P(IpAddress, IpAddressCompareTest, testing::ValuesIn(kCompareCases),
                          [](const auto& info) { return info.param.name; });
 
-TEST(IpAddressTest, PortsAndScopesDoNotTakePartInComparison) {
+TEST(IpAddressTest, SocketAddressesKeepPortAndScopeOutsideComparison) {
   sockaddr_in6 v6{};
   v6.sin6_family = AF_INET6;
   v6.sin6_port = htons(443);
@@ -105,8 +101,17 @@ TEST(IpAddressTest, PortsAndScopesDoNotTakePartInComparison) {
   EXPECT_EQ(c.getSockaddrLen(), sizeof(sockaddr_in));
   EXPECT_EQ(IpAddress().getAddressAsString(true), "");
   EXPECT_EQ(IpAddress().getSockaddrLen(), 0u);
+  EXPECT_EQ(IpAddress().getSockaddr(), nullptr);
+  EXPECT_EQ(c.getSockaddr(), reinterpret_cast<const sockaddr*>(c.getIPv4Sockaddr()));
 
-  // A structure of one family under the tag of the other is refused.
+  // Moving leaves an Invalid address behind.
+  IpAddress moved(std::move(c));
+  EXPECT_FALSE(c.isValid());  // NOLINT(bugprone-use-after-move)
+  c = std::move(moved);
+  EXPECT_EQ(c.getAddressAsString(true), "1.2.3.4:80");
+  EXPECT_FALSE(moved.isValid());  // NOLINT(bugprone-use-after-move)
+
+  // A structure of another family, or of one family under the tag of the other, is refused.
   sockaddr_un local{};
   local.sun_family = AF_UNIX;
   c.fromIP(reinterpret_cast<const sockaddr*>(&local));
@@ -139,19 +144,9 @@ TEST(IpAddressTest, Ipv6TextMatchesInetNtop) {
   }
 }
 
-TEST(IpAddressTest, CopiesAreDeep) {
-  IpAddress original("::1", IpAddress::IPv6);
-  IpAddress copy(original);
-  ASSERT_NE(copy.getSockaddr(), original.getSockaddr());
-  original.fromStringAddress("10.0.0.1", IpAddress::IPv4);
-  EXPECT_EQ(copy.getAddressAsString(false), "::1");
-  copy = original;
-  IpAddress moved(std::move(copy));
-  EXPECT_EQ(moved.getAddressAsString(false), "10.0.0.1");
-  EXPECT_FALSE(copy.isValid());  // NOLINT(bugprone-use-after-move): a moved-from address is Invalid
-}
-
-TEST(ResolveHostNameTest, NumericNamesGiveOneAddressWithPortAndEmptyFailsQuietly) {
+// Numeric names give one address with the port; a failure is one warning naming the code, by number and
+// by name where it has one, and the empty name fails before the resolver is asked.
+TEST(ResolveHostNameTest, NumericNamesAndFailures) {
   test::LogCapture capture;
   std::vector<IpAddress> addresses(2);
   EXPECT_FALSE(ResolveHostName("", 80, addresses));
@@ -163,35 +158,7 @@ TEST(ResolveHostNameTest, NumericNamesGiveOneAddressWithPortAndEmptyFailsQuietly
   ASSERT_TRUE(ResolveHostName("::1", 443, addresses));
   ASSERT_EQ(addresses.size(), 1u);
   EXPECT_EQ(addresses[0].getAddressAsString(true), "::1:443");
-}
 
-TEST(ResolveHostNameTest, LocalhostResolvesToLoopback) {
-  std::vector<IpAddress> addresses;
-  ASSERT_TRUE(ResolveHostName("localhost", 80, addresses));
-  ASSERT_FALSE(addresses.empty());
-  for (const IpAddress& address : addresses) {
-    EXPECT_TRUE(address == IpAddress("127.0.0.1", IpAddress::IPv4) || address == IpAddress("::1", IpAddress::IPv6))
-        << address.getAddressAsString(false);
-    EXPECT_EQ(address.getAddressAsString(true), address.getAddressAsString(false) + ":80");
-  }
-}
-
-// The names are what a log reader searches for; codes without a name are logged by number alone.
-TEST(ResolveHostNameTest, FailureTextsNameTheCode) {
-  using url::detail::GetAddrInfoFailureText;
-  EXPECT_EQ(GetAddrInfoFailureText(EAI_NONAME), "getaddrinfo return -2 (EAI_NONAME)");
-  EXPECT_EQ(GetAddrInfoFailureText(12345), "getaddrinfo return 12345");
-  for (const auto& [code, name] : {std::pair{EAI_BADFLAGS, "EAI_BADFLAGS"}, {EAI_AGAIN, "EAI_AGAIN"},
-                                   {EAI_FAIL, "EAI_FAIL"}, {EAI_FAMILY, "EAI_FAMILY"},
-                                   {EAI_SOCKTYPE, "EAI_SOCKTYPE"}, {EAI_SERVICE, "EAI_SERVICE"},
-                                   {EAI_MEMORY, "EAI_MEMORY"}}) {
-    EXPECT_NE(GetAddrInfoFailureText(code).find(std::string(" (") + name + ")"), std::string::npos);
-  }
-}
-
-TEST(ResolveHostNameTest, FailureIsLoggedAsWarning) {
-  test::LogCapture capture;
-  std::vector<IpAddress> addresses(1);
   // An empty DNS label: the C library refuses the name before any query leaves the machine.
   EXPECT_FALSE(ResolveHostName("a..b", 80, addresses));
   EXPECT_TRUE(addresses.empty());
@@ -202,6 +169,8 @@ TEST(ResolveHostNameTest, FailureIsLoggedAsWarning) {
   // Which code the resolver gives is its business; the text names it by number and by name.
   EXPECT_EQ(records[0].text.rfind("getaddrinfo return -", 0), 0u) << records[0].text;
   EXPECT_NE(records[0].text.find(" (EAI_"), std::string::npos) << records[0].text;
+  EXPECT_EQ(url::detail::GetAddrInfoFailureText(EAI_NONAME), "getaddrinfo return -2 (EAI_NONAME)");
+  EXPECT_EQ(url::detail::GetAddrInfoFailureText(12345), "getaddrinfo return 12345");
 }
 
 }  // namespace

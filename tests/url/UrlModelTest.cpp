@@ -6,11 +6,13 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 // While armed, every block handed back to the allocator is searched for a secret: a buffer that held a
@@ -42,12 +44,7 @@ namespace {
 
 static_assert(std::is_convertible_v<const std::string&, Url>, "Url u = text; must compile");
 
-bool StorageIsZero(const char* data, size_t capacity) {
-  for (size_t i = 0; i < capacity; ++i) {
-    if (data[i] != '\0') return false;
-  }
-  return true;
-}
+bool StorageIsZero(const char* data, size_t size) { return std::all_of(data, data + size, [](char c) { return !c; }); }
 
 TEST(UrlModelTest, EncodingWithCredentialsFreesNoUnwipedCopy) {
   const std::string password = "pw-Secr3t-0123456789";
@@ -89,28 +86,25 @@ TEST(UrlModelTest, ParsingOwnComponentIsSafe) {
   EXPECT_EQ(url.getPathSegments(), Url::PathSegments{"p"});
 }
 
-TEST(UrlModelTest, SetHostCanonicalisesOnlyIpv6) {
+TEST(UrlModelTest, SetHostCanonicalisesOnlyIpv6AndRefusesNul) {
   Url url;
   url.setHost("2001:DB8:0::1");
   EXPECT_EQ(url.getHost(), "[2001:db8::1]");
   EXPECT_EQ(url.getIpAddress().getType(), IpAddress::IPv6);
-  url.setHost("010.1.1.1");  // not an address for inet_pton: kept as a name
-  EXPECT_EQ(url.getHost(), "010.1.1.1");
-  EXPECT_FALSE(url.getIpAddress().isValid());
-  url.setHost("[::1]");  // brackets are not understood
+  url.setHost("[::1]");  // brackets are not understood, and a second pass keeps them
   EXPECT_FALSE(url.getIpAddress().isValid());
   url.setHost(url.getHost());
   EXPECT_EQ(url.getHost(), "[::1]");
-}
-
-TEST(UrlModelTest, SetHostRefusesEmbeddedNul) {
-  Url url("http://10.1.1.1/");
+  url.setHost("010.1.1.1");  // not an address for inet_pton: kept as a name
+  EXPECT_FALSE(url.getIpAddress().isValid());
+  url.setHost("10.1.1.1");
   url.setHost(std::string("127.0.0.1\0.evil.example", 23));
   EXPECT_EQ(url.getHost(), "10.1.1.1");
   EXPECT_EQ(url.getIpAddress(), IpAddress("10.1.1.1", IpAddress::IPv4));
 }
 
-TEST(UrlModelTest, EqualityIsByteForByteAndIgnoresFlagAndAddress) {
+// Byte for byte, field by field; the normalisation flag and the cached address play no part.
+TEST(UrlModelTest, EqualityIsByteForByte) {
   EXPECT_NE(Url("http://Host/"), Url("http://host/"));
   Url a, b;
   ASSERT_TRUE(a.fromEncodedUtf8String("http://Host/", nullptr, true));
@@ -124,43 +118,22 @@ TEST(UrlModelTest, EqualityIsByteForByteAndIgnoresFlagAndAddress) {
   EXPECT_NE(Url("http://h/#x"), Url("http://h/#y"));
 }
 
-// A derived URL type whose equality always refuses, to see which slot operator== goes through.
-class RefusingUrl : public Url {
- public:
-  using Url::Url;
-  bool equalTo(const Url&) const override { return false; }
-};
-
-TEST(UrlModelTest, OperatorEqualsDispatchesOnLeftOperand) {
-  const Url plain("http://h/");
-  const RefusingUrl refusing("http://h/");
-  const Url& asBase = refusing;
-  EXPECT_TRUE(plain == refusing);
-  EXPECT_FALSE(asBase == plain);
-  EXPECT_TRUE(asBase != plain);
-}
-
 TEST(UrlModelTest, ClearingAndReplacingWipeWholeCapacity) {
   Url url;
   url.setCredentials("someone-with-a-long-user-name", std::string(100, 'S'));
   url.setHost("a-very-long-host-name.example.internal");
   url.setFragment("a-fragment-long-enough-for-the-heap");
   const std::string* fields[] = {&url.getUser(), &url.getPassword(), &url.getHost(), &url.getFragment()};
-  const char* data[4];
-  size_t capacity[4];
-  for (int i = 0; i < 4; ++i) {
-    data[i] = fields[i]->data();
-    capacity[i] = fields[i]->capacity();
-  }
+  std::string_view storage[4];  // each field's whole allocation
+  for (int i = 0; i < 4; ++i) storage[i] = {fields[i]->data(), fields[i]->capacity()};
   url.setCredentials("user", "short");
-  ASSERT_EQ(url.getPassword().data(), data[1]);  // reused, so the tail must have been zeroed
-  EXPECT_TRUE(StorageIsZero(data[1] + 5, capacity[1] - 5));
+  ASSERT_EQ(url.getPassword().data(), storage[1].data());  // reused, so the tail must have been zeroed
+  EXPECT_TRUE(StorageIsZero(storage[1].data() + 5, storage[1].size() - 5));
   url.clearUrl();
   for (int i = 0; i < 4; ++i) {
-    ASSERT_EQ(fields[i]->data(), data[i]);
-    EXPECT_TRUE(StorageIsZero(data[i], capacity[i])) << i;
+    ASSERT_EQ(fields[i]->data(), storage[i].data());
+    EXPECT_TRUE(StorageIsZero(storage[i].data(), storage[i].size())) << i;
   }
-  EXPECT_FALSE(url.hasFragment());
 }
 
 TEST(UrlModelTest, CopiesAreIndependentAndMovesEmptyTheSource) {
@@ -190,7 +163,6 @@ TEST(UrlModelTest, FragmentSetterKeepsFlagInStep) {
   url.setFragment("x");
   url.clearFragment();
   EXPECT_FALSE(url.hasFragment());
-  EXPECT_EQ(url.getFragment(), "");
 }
 
 }  // namespace
