@@ -17,7 +17,6 @@
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
 #include "support/RawTcpFaultServer.h"
-#include "support/TestCertificates.h"
 
 #include <chrono>
 #include <memory>

@@ -129,18 +129,31 @@ TEST_F(HttpHelpersBodiesTest, RandomAccessDeviceIsSentFromItsPosition) {
 // curl keeps a PUT, a DELETE or a GET with a body (its custom method) across a 301, 302 or 303 but drops
 // the body: the server at the new location would get the method with nothing. Such an answer ends the
 // call with its status instead. A POST becomes a GET there, as browsers do, and a 307 resends the body.
-enum class Verb { kPut, kDeleteJson, kGetJson, kPost };
+using Verb = bool (*)(HttpConnection&, const HttpUrl&, const std::string& body);
+const Verb kPut = [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+  return H::HttpPut(c, u, b, 200, {}, {}, {}, {});
+};
+const Verb kDeleteJson = [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+  return H::HttpDeleteJson(c, u, b.data(), b.size(), 200, {}, {}, {}, {});
+};
+const Verb kGetJson = [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+  std::string out;
+  return H::HttpGetJson(c, u, out, {}, {}, {}, {}, b.data(), b.size(), false);
+};
+const Verb kPost = [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+  return H::HttpPost(c, u, b, 200, {}, {}, {}, {});
+};
 struct BodylessRedirectCase {
   const char* name;
   Verb verb;
   int status;
   bool followed;
 };
-constexpr BodylessRedirectCase kBodylessRedirectCases[] = {
-    {"Put301", Verb::kPut, 301, false},          {"Put302", Verb::kPut, 302, false},
-    {"Put303", Verb::kPut, 303, false},          {"DeleteWithBody303", Verb::kDeleteJson, 303, false},
-    {"GetWithBody302", Verb::kGetJson, 302, false}, {"Post303BecomesGet", Verb::kPost, 303, true},
-    {"Put307KeepsBody", Verb::kPut, 307, true},
+const BodylessRedirectCase kBodylessRedirectCases[] = {
+    {"Put301", kPut, 301, false},          {"Put302", kPut, 302, false},
+    {"Put303", kPut, 303, false},          {"DeleteWithBody303", kDeleteJson, 303, false},
+    {"GetWithBody302", kGetJson, 302, false}, {"Post303BecomesGet", kPost, 303, true},
+    {"Put307KeepsBody", kPut, 307, true},
 };
 
 class HttpHelpersBodylessRedirectTest : public HttpHelpersBodiesTest,
@@ -149,23 +162,8 @@ class HttpHelpersBodylessRedirectTest : public HttpHelpersBodiesTest,
 TEST_P(HttpHelpersBodylessRedirectTest, UploadIsNeverRepeatedWithoutItsBody) {
   const BodylessRedirectCase& c = GetParam();
   const std::string data = "{\"k\":\"payload\"}";
-  const HttpUrl url(server.url("/redirect-to?status=" + std::to_string(c.status) + "&url=/echo/body"));
-  std::string out;
-  bool ok = false;
-  switch (c.verb) {
-    case Verb::kPut:
-      ok = H::HttpPut(connection, url, data, 200, {}, {}, {}, {});
-      break;
-    case Verb::kDeleteJson:
-      ok = H::HttpDeleteJson(connection, url, data.data(), data.size(), 200, {}, {}, {}, {});
-      break;
-    case Verb::kGetJson:
-      ok = H::HttpGetJson(connection, url, out, {}, {}, {}, {}, data.data(), data.size(), false);
-      break;
-    case Verb::kPost:
-      ok = H::HttpPost(connection, url, data, 200, {}, {}, {}, {});
-      break;
-  }
+  const bool ok = c.verb(connection, HttpUrl(server.url("/redirect-to?status=" + std::to_string(c.status) +
+                                                         "&url=/echo/body")), data);
   const auto requests = server.requests();
   if (!c.followed) {
     EXPECT_FALSE(ok);
@@ -176,8 +174,8 @@ TEST_P(HttpHelpersBodylessRedirectTest, UploadIsNeverRepeatedWithoutItsBody) {
   }
   ASSERT_TRUE(ok) << Report();
   ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[1].method, c.verb == Verb::kPost ? "GET" : "PUT");
-  EXPECT_EQ(requests[1].body, c.verb == Verb::kPost ? "" : data);
+  EXPECT_EQ(requests[1].method, c.verb == kPost ? "GET" : "PUT");
+  EXPECT_EQ(requests[1].body, c.verb == kPost ? "" : data);
 }
 
 INSTANTIATE_TEST_SUITE_P(Bodies, HttpHelpersBodylessRedirectTest, testing::ValuesIn(kBodylessRedirectCases),
