@@ -32,25 +32,25 @@ class HttpConnectionParametersTest : public testing::Test {
   ConnectionTestCall call;
 };
 
-TEST_F(HttpConnectionParametersTest, FollowsHttpRedirectsUpToTheLimit) {
-  LoopbackHttpServer server;
-  ASSERT_TRUE(call.run(connection, server.url("/redirect/3"))) << connection.getLastErrorMsg();
+// Redirects are followed up to the limit, or not at all; they never change the scheme, except https to
+// http when allowed.
+TEST_F(HttpConnectionParametersTest, RedirectRules) {
+  LoopbackHttpServer plain, secure({.tls = Tls::kOn});
+  ASSERT_TRUE(call.run(connection, plain.url("/redirect/3"))) << connection.getLastErrorMsg();
   EXPECT_EQ(call.body, "redirect chain end\n");
   connection.editConnectionParameters().maxRedirects = 2;
-  EXPECT_FALSE(call.run(connection, server.url("/redirect/3")));
+  EXPECT_FALSE(call.run(connection, plain.url("/redirect/3")));
   EXPECT_EQ(Access::LastCurlCode(connection), CURLE_TOO_MANY_REDIRECTS);
   connection.editConnectionParameters().followLocation = false;
-  EXPECT_TRUE(call.run(connection, server.url("/redirect/3"), 302)) << connection.getLastErrorMsg();
-}
+  EXPECT_TRUE(call.run(connection, plain.url("/redirect/3"), 302)) << connection.getLastErrorMsg();
+  connection.editConnectionParameters() = kx::http::HttpConnectionParameters();
+  plain.clearRequests();
 
-TEST_F(HttpConnectionParametersTest, RedirectsNeverChangeSchemeUnlessHttpsToHttpIsAllowed) {
-  LoopbackHttpServer plain, secure({.tls = Tls::kOn});
   // http -> https is refused whatever the settings.
   connection.editConnectionParameters().allowHttpsToHttpRedirect = true;
   EXPECT_FALSE(call.run(connection, plain.url("/redirect-to?url=" + secure.url("/echo"))));
   EXPECT_EQ(Access::LastCurlCode(connection), CURLE_UNSUPPORTED_PROTOCOL);
   EXPECT_EQ(secure.requestCount(), 0u);
-
   const std::string downgrade = secure.url("/redirect-to?url=" + plain.url("/echo"));
   connection.editConnectionParameters().allowHttpsToHttpRedirect = false;
   EXPECT_FALSE(call.run(connection, downgrade));
