@@ -1,6 +1,7 @@
-// Test scaffolding shared by the transfer-layer tests: one request
-// context whose header callback installs a response sink, optionally points curl at the test CA and
-// runs a test's own hook, counting its calls (one per attempt), and a request body source of unknown size.
+// Test scaffolding shared by the transfer-layer tests: one request context whose header callback
+// installs a response sink, optionally points curl at the test CA and runs a test's own hook, counting
+// its calls (one per attempt); a request body source of unknown size; a URL carrying policies; and the
+// process's count of open descriptors.
 #pragma once
 
 #include <curl/curl.h>
@@ -9,12 +10,15 @@
 #include <kx/Corvix.h>
 #include <kx/http/HttpConnection.h>
 #include <kx/http/HttpHeaders.h>
+#include <kx/http/HttpPolicies.h>
 #include <kx/http/HttpUrl.h>
 #include <kx/system/kxIoDevice.h>
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace kx::test {
@@ -42,15 +46,27 @@ struct ConnectionTestCall {
   }
 
   bool run(kx::http::HttpConnection& connection, const kx::http::HttpUrl& url, long expectedStatus = 200,
-           const std::string& expectedType = "", const kx::kxCancelInterfaceReadOnly* cancel = nullptr) {
+           const std::string& expectedType = "") {
     body.clear();
-    return connection.getHttpData(url, expectedType, expectedStatus, &ConnectionTestCall::Callback, cancel, this);
+    return connection.getHttpData(url, expectedType, expectedStatus, &ConnectionTestCall::Callback, nullptr, this);
   }
   bool run(kx::http::HttpConnection& connection, const std::string& url, long expectedStatus = 200,
            const std::string& expectedType = "") {
     return run(connection, kx::http::HttpUrl(url), expectedStatus, expectedType);
   }
 };
+
+inline kx::http::HttpUrl WithPolicies(const std::string& text, const kx::http::HttpPolicies& policies) {
+  kx::http::HttpUrl url(text);
+  url.setPolicies(std::make_shared<const kx::http::HttpPolicies>(policies));
+  return url;
+}
+
+inline size_t OpenDescriptors() {
+  size_t count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+}
 
 // A readable device without random access (so its body goes out chunked), delivering at most 1000 bytes
 // per read. It can fail after `faultAt` bytes, or stall there (nothing delivered, no error, not at its

@@ -11,14 +11,11 @@ namespace {
 using kx::http::detail::CurlCodeName;
 using kx::http::detail::CurlErrorText;
 
-TEST(CurlCodeNameTest, EdgesKeepTheirOddities) {
+TEST(CurlCodeNameTest, EdgesKeepTheirOdditiesAndEveryCodeBetweenHasItsOwnName) {
   EXPECT_STREQ(CurlCodeName(0), "CURLE_OK ");  // trailing blank kept on purpose
   EXPECT_STREQ(CurlCodeName(99), "CURLE_UNRECOVERABLE_POLL");
   EXPECT_STREQ(CurlCodeName(100), "CURL_LAST");
   for (int code : {101, 102, 1000, -1}) EXPECT_STREQ(CurlCodeName(code), "Unknown Curl error code") << code;
-}
-
-TEST(CurlCodeNameTest, EveryCodeBetweenHasItsOwnName) {
   for (int code = 1; code < 100; ++code) {
     const std::string name = CurlCodeName(code);
     EXPECT_EQ(name.rfind("CURLE_", 0), 0u) << code << " " << name;

@@ -8,46 +8,33 @@
 #include <kx/http/HttpHelpers.h>
 #include <kx/http/HttpUrl.h>
 
-#include "core/ConnectionTestCall.h"
+#include "core/HttpConnectionAccess.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
 
 #include <memory>
 #include <string>
-#include "core/HttpConnectionAccess.h"
 
 namespace {
-
-using Access = kx::http::detail::HttpConnectionAccess;
 
 using kx::http::HttpConnection;
 using kx::http::HttpConnectionLocker;
 using kx::http::HttpConnectionPool;
-using kx::http::HttpHelpers;
 using kx::http::HttpUrl;
-using kx::test::LoopbackHttpServer;
 
 bool Get(HttpConnection& connection, const HttpUrl& url) {
-  return HttpHelpers::HttpGet(connection, url, nullptr, nullptr, nullptr, nullptr);
+  return kx::http::HttpHelpers::HttpGet(connection, url, nullptr, nullptr, nullptr, nullptr);
 }
 
 class HttpConnectionLockerTest : public testing::Test {
  protected:
-  std::string Warning(unsigned short declaredPort) const {
-    return "Http connection from pool was used with an other host/port '127.0.0.1' than the one declared "
-           "127.0.0.1:" +
-           std::to_string(declaredPort);
-  }
-
-  LoopbackHttpServer server;
-  LoopbackHttpServer other;
-  HttpConnectionPool pool;
-  HttpUrl url{server.url("/echo")};
-  HttpUrl otherUrl{other.url("/echo")};
+  kx::test::LoopbackHttpServer server, other;
+  HttpUrl url{server.url("/echo")}, otherUrl{other.url("/echo")};
 };
 
-TEST_F(HttpConnectionLockerTest, GivesTheConnectionBackOnScopeExitAndOnMove) {
+TEST_F(HttpConnectionLockerTest, GivesPooledConnectionsBackAndDestroysPrivateOnes) {
   kx::test::LogCapture quiet(false);
+  HttpConnectionPool pool;
   HttpConnection* leased = nullptr;
   {
     HttpConnectionLocker lease(pool, url);
@@ -55,17 +42,15 @@ TEST_F(HttpConnectionLockerTest, GivesTheConnectionBackOnScopeExitAndOnMove) {
     ASSERT_TRUE(Get(*lease, url)) << lease->getLastErrorMsg();
   }
   EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
-  HttpConnectionLocker again(&pool, url);
-  EXPECT_EQ(again.get(), leased);
-  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
-  // Moving the locker to another server gives the used connection back first.
-  again.setConnection("127.0.0.1", other.port());
-  EXPECT_NE(again.get(), leased);
-  EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
-}
-
-TEST_F(HttpConnectionLockerTest, PrivateConnectionsNeverReachAPool) {
-  kx::test::LogCapture quiet(false);
+  {
+    HttpConnectionLocker again(&pool, url);
+    EXPECT_EQ(again.get(), leased);
+    EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+    // Moving the locker to another server gives the used connection back first.
+    again.setConnection("127.0.0.1", other.port());
+    EXPECT_NE(again.get(), leased);
+    EXPECT_EQ(pool.getIdleConnectionCount(), 1u);
+  }
   {
     HttpConnectionLocker lease(nullptr, url);
     ASSERT_TRUE(Get(*lease, url));
@@ -77,44 +62,36 @@ TEST_F(HttpConnectionLockerTest, PrivateConnectionsNeverReachAPool) {
     EXPECT_EQ(adopted.get(), raw);
     ASSERT_TRUE(Get(*adopted, url));
   }
-  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
-  EXPECT_EQ(server.acceptedConnections(), 2u);
+  EXPECT_EQ(pool.getIdleConnectionCount(), 1u) << "private connections never reach a pool";
+  EXPECT_EQ(server.acceptedConnections(), 3u);
 }
 
 // Verbose log only, and only for a connection reused from the pool that then talks to another port.
 TEST_F(HttpConnectionLockerTest, WarnsWhenAReusedConnectionMovedToAnotherPort) {
-  kx::test::LogCapture log(true);
-  {
-    HttpConnectionLocker fresh(pool, url);  // never used before this lease: no warning
-    ASSERT_TRUE(Get(*fresh, otherUrl));
+  const std::string warning = "Http connection from pool was used with an other host/port '127.0.0.1' than the "
+                              "one declared 127.0.0.1:" + std::to_string(other.port());
+  for (bool verbose : {true, false}) {
+    SCOPED_TRACE(verbose);
+    kx::test::LogCapture log(verbose);
+    HttpConnectionPool pool;
+    {
+      HttpConnectionLocker fresh(pool, url);  // never used before this lease: no warning
+      ASSERT_TRUE(Get(*fresh, otherUrl));
+    }
+    {
+      HttpConnectionLocker sameServer(pool, otherUrl);
+      ASSERT_TRUE(Get(*sameServer, otherUrl));
+    }
+    EXPECT_FALSE(log.containsFragment("Http connection from pool")) << log.dump();
+    {
+      HttpConnectionLocker moved(pool, otherUrl);
+      ASSERT_TRUE(Get(*moved, url));
+    }
+    EXPECT_EQ(log.count(warning), verbose ? 1u : 0u) << log.dump();
+    // Pooled under the host and port it last talked to.
+    HttpConnectionLocker onServer(pool, url);
+    EXPECT_TRUE(kx::http::detail::HttpConnectionAccess::HasCurlHandle(*onServer));
   }
-  {
-    HttpConnectionLocker sameServer(pool, otherUrl);
-    ASSERT_TRUE(Get(*sameServer, otherUrl));
-  }
-  EXPECT_FALSE(log.containsFragment("Http connection from pool")) << log.dump();
-  {
-    HttpConnectionLocker moved(pool, otherUrl);
-    ASSERT_TRUE(Get(*moved, url));
-  }
-  EXPECT_EQ(log.count(Warning(other.port())), 1u) << log.dump();
-  // Pooled under the host and port it last talked to.
-  HttpConnectionLocker onServer(pool, url);
-  EXPECT_TRUE(Access::HasCurlHandle(*onServer));
-}
-
-TEST_F(HttpConnectionLockerTest, NoWarningWithoutVerboseLog) {
-  {
-    kx::test::LogCapture quiet(false);
-    HttpConnectionLocker lease(pool, url);
-    ASSERT_TRUE(Get(*lease, url));
-  }
-  kx::test::LogCapture log(false);
-  {
-    HttpConnectionLocker moved(pool, url);
-    ASSERT_TRUE(Get(*moved, otherUrl));
-  }
-  EXPECT_FALSE(log.containsFragment("Http connection from pool")) << log.dump();
 }
 
 }  // namespace

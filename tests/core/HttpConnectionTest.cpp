@@ -16,7 +16,6 @@
 #include "support/LoopbackHttpServer.h"
 
 #include <algorithm>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,7 +23,6 @@
 namespace {
 
 using Access = kx::http::detail::HttpConnectionAccess;
-
 using kx::http::HttpConnection;
 using kx::http::HttpHeaders;
 using kx::http::HttpPolicies;
@@ -34,24 +32,20 @@ using kx::test::LoopbackHttpServer;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
-using Tls = kx::test::LoopbackHttpServerOptions::Tls;
 
 // Adds one header, or fails with a fixed text.
-class TestAuthenticator : public kx::http::HttpAuthenticatorInterface {
- public:
-  explicit TestAuthenticator(std::string error) : error_(std::move(error)) {}
+struct TestAuthenticator : kx::http::HttpAuthenticatorInterface {
+  explicit TestAuthenticator(std::string text) : error(std::move(text)) {}
   bool equalTo(const HttpAuthenticatorInterface&) const override { return false; }
-  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders& headers, std::string& error) override {
-    if (!error_.empty()) error = error_;
-    else headers.addHeaderValue("X-Order", "authenticator");
-    return error_.empty();
+  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders& headers, std::string& out) override {
+    if (error.empty()) headers.addHeaderValue("X-Order", "authenticator");
+    out = error;
+    return error.empty();
   }
   std::unique_ptr<HttpAuthenticatorInterface> cloneAuthenticator() override {
-    return std::make_unique<TestAuthenticator>(error_);
+    return std::make_unique<TestAuthenticator>(error);
   }
-
- private:
-  std::string error_;
+  std::string error;
 };
 
 class HttpConnectionTest : public testing::Test {
@@ -68,15 +62,12 @@ class HttpConnectionTest : public testing::Test {
 
 TEST_F(HttpConnectionTest, SendsDefaultThenCommonThenRequestHeaders) {
   kx::test::LogCapture quiet(false);
-  kx::EditDefaultHttpHeaders().addHeaderValue("X-Order", "default");
+  kx::EditDefaultHttpHeaders().addHeaderValue("X-Order", "default");  // the environment resets the defaults
   connection.editCommonHeaders().addHeaderValues("X-Order", std::vector<std::string>{"common1", "common2"});
   HttpUrl url(server.url("/echo"));
   url.addAuthenticator(std::make_unique<TestAuthenticator>(""));
-  call.onCall = [](CURL*, HttpHeaders& headers, int) {
-    headers.addHeaderValue("X-Order", "callback");
-    return 0;
-  };
-  ASSERT_TRUE(call.run(connection, url)) << connection.getLastErrorMsg();  // the environment resets the defaults
+  call.onCall = [](CURL*, HttpHeaders& headers, int) { return headers.addHeaderValue("X-Order", "callback"), 0; };
+  ASSERT_TRUE(call.run(connection, url)) << connection.getLastErrorMsg();
   const auto request = server.lastRequest();
   EXPECT_EQ(request.headerValues("X-Order"),
             (std::vector<std::string>{"default", "common1", "common2", "authenticator", "callback"}));
@@ -94,7 +85,6 @@ TEST_F(HttpConnectionTest, StatusAndContentTypeChecks) {
   EXPECT_TRUE(Access::HasCurlHandle(connection)) << "a wrong status keeps the handle";
   EXPECT_EQ(call.body, "status 404\n");
   EXPECT_TRUE(call.run(connection, url, 0)) << "0 accepts any status";
-  EXPECT_TRUE(call.run(connection, server.url("/status/500"), -1));
   EXPECT_TRUE(call.run(connection, url, 404));
 
   const std::string typed = server.url("/status/200");
@@ -115,13 +105,11 @@ TEST_F(HttpConnectionTest, FailuresBeforeTheTransferSendNothing) {
   EXPECT_FALSE(call.run(connection, url));
   EXPECT_EQ(FirstLine(), "HttpConnection error : Authenticator return an error : token expired");
   EXPECT_FALSE(Access::HasCurlHandle(connection));
-
   call.onCall = [](CURL*, HttpHeaders&, int) { return 7; };
   EXPECT_FALSE(call.run(connection, server.url("/echo")));
   EXPECT_EQ(FirstLine(), "HttpConnection error : User callback return and error");
   EXPECT_FALSE(Access::HasCurlHandle(connection));
   call.onCall = nullptr;
-
   EXPECT_FALSE(call.run(connection, "ftp://127.0.0.1/file"));
   EXPECT_EQ(FirstLine(), "HttpConnection error : Fail to setupconnection");
   HttpUrl noHost;
@@ -129,16 +117,13 @@ TEST_F(HttpConnectionTest, FailuresBeforeTheTransferSendNothing) {
   EXPECT_FALSE(call.run(connection, noHost));
   EXPECT_EQ(FirstLine(), "HttpConnection error : Invalid http url");
   EXPECT_EQ(server.requestCount(), 1u);
-}
-
-TEST_F(HttpConnectionTest, BodyWithoutSinkFailsWithWriteError) {
+  // A body nobody asked for fails the transfer instead of vanishing; a transfer error destroys the handle.
   EXPECT_FALSE(connection.getHttpData(HttpUrl(server.url("/echo")), "", 200, nullptr, nullptr, nullptr));
   EXPECT_EQ(Access::LastCurlCode(connection), CURLE_WRITE_ERROR);
-  EXPECT_FALSE(Access::HasCurlHandle(connection)) << "a transfer error destroys the handle";
+  EXPECT_FALSE(Access::HasCurlHandle(connection));
 }
 
 TEST(HttpConnectionUninitializedTest, RefusesToCreateAHandle) {
-  if (kx::IsCorvixInitialized()) GTEST_SKIP() << "initialised by another part of this test program";
   kx::test::LogCapture log;
   HttpConnection connection;
   ConnectionTestCall call;
@@ -151,22 +136,21 @@ TEST(HttpConnectionUninitializedTest, RefusesToCreateAHandle) {
 TEST_F(HttpConnectionTest, KeepAliveReusesTheSocketAndCountsItsUses) {
   HttpConnection tracked(true);
   std::vector<uint64_t> socketUses;
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < 4; ++i) {
+    // Before the last call the server drops the idle socket: it reconnects, often on the same number.
+    if (i == 3) {
+      EXPECT_TRUE(tracked.isUnderlyingSockerValid());
+      server.closeConnections();
+    }
     ASSERT_TRUE(call.run(tracked, server.url("/echo"))) << tracked.getLastErrorMsg();
     socketUses.push_back(tracked.getSocketUseCount());
   }
-  EXPECT_EQ(server.acceptedConnections(), 1u);
-  EXPECT_TRUE(tracked.isUnderlyingSockerValid());
-  // The server drops the idle socket: the next call reconnects, often on the same descriptor number.
-  server.closeConnections();
-  ASSERT_TRUE(call.run(tracked, server.url("/echo"))) << tracked.getLastErrorMsg();
-  socketUses.push_back(tracked.getSocketUseCount());
   EXPECT_EQ(server.acceptedConnections(), 2u);
   EXPECT_EQ(socketUses, (std::vector<uint64_t>{0, 1, 2, 0}));
   EXPECT_EQ(tracked.getConnectionUseCount(), 4u);
 }
 
-// getLastErrorMsg: its sections and their order, the history line, the verbose trace.
+// getLastErrorMsg: its sections and their order, the history line; no trace without the verbose log.
 TEST_F(HttpConnectionTest, ReportShowsStatusExtraInfoAndHistoryInOrder) {
   kx::test::LogCapture quiet(false);
   EXPECT_EQ(connection.getLastErrorMsg(), "") << "no handle, no report";
@@ -184,7 +168,6 @@ TEST_F(HttpConnectionTest, ReportShowsStatusExtraInfoAndHistoryInOrder) {
                            "\nHttp return code 503\nExtra error info : received \\[status 503\\] second\n"
                            "Connection created [0-9.]+m?s ago, previous use was [0-9.]+m?s ago, "
                            "connection use count 2, socket use count 2"));
-  EXPECT_THAT(connection.getLastErrorMsg(), Not(HasSubstr("Curl diag info"))) << "no trace without verbose log";
   EXPECT_TRUE(quiet.texts("curl").empty());
   ASSERT_TRUE(call.run(connection, server.url("/echo")));
   EXPECT_THAT(connection.getLastErrorMsg(), Not(HasSubstr("Extra error info"))) << "a new call, a new report";
@@ -214,28 +197,23 @@ TEST_F(HttpConnectionTest, VerboseTraceShowsHeadersAndRequestIdButNoBody) {
   // The logged trace is the same without the statistics lines.
   const std::vector<std::string> curlLog = verbose.texts("curl");
   ASSERT_EQ(curlLog.size(), 1u);
-  EXPECT_EQ(curlLog[0].rfind("Curl debug output \n", 0), 0u);
-  EXPECT_THAT(curlLog[0], HasSubstr("> GET /secret HTTP/1.1\r\n"));
-  EXPECT_THAT(curlLog[0], Not(HasSubstr("# <- ")));
-  EXPECT_THAT(curlLog[0], Not(HasSubstr("BODY-MARKER")));
+  EXPECT_THAT(curlLog[0], MatchesRegex("Curl debug output \n(.|\n|\r)*> GET /secret HTTP/1.1\r\n(.|\n|\r)*"));
+  EXPECT_THAT(curlLog[0], Not(testing::ContainsRegex("# <- |BODY-MARKER")));
 }
 
 TEST_F(HttpConnectionTest, MovingToAnotherServerWarnsAndRestartsTheCounts) {
   LoopbackHttpServer other;
   kx::test::LogCapture verbose(true);
-  ASSERT_TRUE(call.run(connection, server.url("/echo")));
-  ASSERT_TRUE(call.run(connection, server.url("/echo")));
-  EXPECT_EQ(connection.getConnectionUseCount(), 2u);
-  EXPECT_FALSE(verbose.containsFragment("reused with a different host:port"));
   const std::string warning = "Http connection was reused with a different host:port ";
-  ASSERT_TRUE(call.run(connection, other.url("/echo")));
-  EXPECT_TRUE(verbose.contains(warning + server.url("/echo") + " " + other.url("/echo"))) << verbose.dump();
+  const std::string first = server.url("/echo"), second = other.url("/echo"),
+                    third = other.urlWithHost("localhost", "/echo");  // same port, other host name
+  for (const std::string* url : {&first, &first, &second, &third})
+    ASSERT_TRUE(call.run(connection, *url)) << connection.getLastErrorMsg();
+  EXPECT_EQ(verbose.count(warning + first + " " + second), 1u) << verbose.dump();
+  EXPECT_EQ(verbose.count(warning + second + " " + third), 1u) << verbose.dump();
+  EXPECT_EQ(verbose.count(warning + first + " " + first), 0u);
   EXPECT_EQ(connection.getConnectionUseCount(), 1u);
   EXPECT_EQ(connection.getSocketUseCount(), 1u);
-  // Same port, other host name: also another server.
-  ASSERT_TRUE(call.run(connection, other.urlWithHost("localhost", "/echo")));
-  EXPECT_EQ(connection.getConnectionUseCount(), 1u);
-  EXPECT_EQ(verbose.count(warning + other.url("/echo") + " " + other.urlWithHost("localhost", "/echo")), 1u);
 }
 
 // The single retry with any address family. No DNS server is involved: "kx-retry.test" resolves only
@@ -250,15 +228,12 @@ class HttpConnectionRetryTest : public HttpConnectionTest {
   ~HttpConnectionRetryTest() override { curl_slist_free_all(resolve); }
 
   // Attempts listed in `resolvable` get the CURLOPT_RESOLVE entry; every attempt gets the refusing resolver.
-  void script(const LoopbackHttpServer& target, std::initializer_list<int> resolvable) {
+  void script(const LoopbackHttpServer& target, std::vector<int> resolvable) {
     curl_slist_free_all(resolve);
-    const std::string entry = std::string(kHost) + ":" + std::to_string(target.port()) + ":127.0.0.1";
-    resolve = curl_slist_append(nullptr, entry.c_str());
-    call.onCall = [this, resolvable = std::vector<int>(resolvable)](CURL* curl, HttpHeaders&, int attempt) {
-      curl_resolver_start_callback refuse = [](void*, void*, void* count) {
-        ++*static_cast<int*>(count);
-        return 1;
-      };
+    resolve = curl_slist_append(nullptr, (std::string(kHost) + ":" + std::to_string(target.port()) + ":127.0.0.1").c_str());
+    call.calls = 0;
+    call.onCall = [this, resolvable](CURL* curl, HttpHeaders&, int attempt) {
+      curl_resolver_start_callback refuse = [](void*, void*, void* count) { return ++*static_cast<int*>(count), 1; };
       curl_easy_setopt(curl, CURLOPT_RESOLVER_START_FUNCTION, refuse);
       curl_easy_setopt(curl, CURLOPT_RESOLVER_START_DATA, &resolverStarts);
       if (std::find(resolvable.begin(), resolvable.end(), attempt) != resolvable.end())
@@ -270,41 +245,36 @@ class HttpConnectionRetryTest : public HttpConnectionTest {
   static HttpUrl Url(const std::string& text, kx::http::HostNameResolutionPolicy policy,
                      HttpPolicies policies = HttpPolicies()) {
     policies.setHostNameResolutionPolicy(policy);
-    HttpUrl url(text);
-    url.setPolicies(std::make_shared<const HttpPolicies>(policies));
-    return url;
+    return kx::test::WithPolicies(text, policies);
   }
 
   curl_slist* resolve = nullptr;
   int resolverStarts = 0;
 };
 
-TEST_F(HttpConnectionRetryTest, SecondAttemptUsesAnyFamilyAndSucceeds) {
+TEST_F(HttpConnectionRetryTest, OnlyOneRetryWithAnyFamilyAndOnlyUnderAPreference) {
+  const std::string url = server.urlWithHost(kHost, "/echo");
   script(server, {2});
-  ASSERT_TRUE(call.run(connection, Url(server.urlWithHost(kHost, "/echo"), kx::http::HNRP_PreferIpv6)))
-      << connection.getLastErrorMsg();
+  ASSERT_TRUE(call.run(connection, Url(url, kx::http::HNRP_PreferIpv6))) << connection.getLastErrorMsg();
   EXPECT_EQ(call.calls, 2);
   EXPECT_EQ(resolverStarts, 1) << "the second attempt must take the IPv4-only entry";
-  EXPECT_EQ(server.requestCount(), 1u);
   EXPECT_EQ(server.lastRequest().header("Host"), std::string(kHost) + ":" + std::to_string(server.port()));
   EXPECT_EQ(connection.getLastErrorMsg().rfind("Http return code 200\n", 0), 0u) << connection.getLastErrorMsg();
-}
 
-TEST_F(HttpConnectionRetryTest, OnlyOneRetryAndOnlyUnderAPreference) {
+  HttpConnection fresh;  // the first one still holds a socket to the server
   script(server, {});
-  const std::string url = server.urlWithHost(kHost, "/echo");
-  EXPECT_FALSE(call.run(connection, Url(url, kx::http::HNRP_PreferIpv4)));
+  EXPECT_FALSE(call.run(fresh, Url(url, kx::http::HNRP_PreferIpv4)));
   EXPECT_EQ(call.calls, 2);
-  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_COULDNT_RESOLVE_HOST);
-  EXPECT_EQ(connection.getLastErrorMsg().rfind("HttpConnection error : Curl easy perform error after ", 0), 0u);
-  call.calls = 0;
-  EXPECT_FALSE(call.run(connection, Url(url, kx::http::HNRP_Whatever)));
+  EXPECT_EQ(Access::LastCurlCode(fresh), CURLE_COULDNT_RESOLVE_HOST);
+  EXPECT_EQ(fresh.getLastErrorMsg().rfind("HttpConnection error : Curl easy perform error after ", 0), 0u);
+  script(server, {});
+  EXPECT_FALSE(call.run(fresh, Url(url, kx::http::HNRP_Whatever)));
   EXPECT_EQ(call.calls, 1);
-  EXPECT_EQ(server.requestCount(), 0u);
+  EXPECT_EQ(server.requestCount(), 1u);
 }
 
 TEST_F(HttpConnectionRetryTest, CertificateProblemRetriesNamesButNotAddresses) {
-  LoopbackHttpServer secure({.tls = Tls::kOn});
+  LoopbackHttpServer secure({.tls = kx::test::LoopbackHttpServerOptions::Tls::kOn});
   const std::string garbage = "not a certificate";
   HttpPolicies badCertificate;
   ASSERT_TRUE(badCertificate.setClientCertificatePolicyBlobPEM(garbage.data(), garbage.size(), garbage.data(),
@@ -313,7 +283,6 @@ TEST_F(HttpConnectionRetryTest, CertificateProblemRetriesNamesButNotAddresses) {
   EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM);
   EXPECT_EQ(call.calls, 1) << "127.0.0.1 has no other family to try";
   // curl consults the resolver-start callback even for an address literal, so it is only set up now.
-  call.calls = 0;
   script(secure, {1, 2});
   EXPECT_FALSE(call.run(connection, Url(secure.urlWithHost(kHost, "/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
   EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM) << connection.getLastErrorMsg();

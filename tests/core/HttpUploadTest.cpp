@@ -24,20 +24,42 @@ using kx::http::HttpUrl;
 
 using kx::test::StreamSource;
 
-enum class Upload { kPutMemory, kPutSizedDevice, kPutStream, kGetJson, kDeleteJson, kPost };
+using kx::http::HttpConnection;
+using Send = bool (*)(HttpConnection&, const HttpUrl&, const std::string& body);
 struct UploadCase {
   const char* name;
-  Upload upload;
   size_t size;
   const char* requestLine;
+  Send send;
 };
-constexpr UploadCase kUploadCases[] = {
-    {"PutMemory", Upload::kPutMemory, 70000, "PUT /upload HTTP/1.1"},
-    {"PutSizedDevice", Upload::kPutSizedDevice, 70000, "PUT /upload HTTP/1.1"},
-    {"PutChunkedDevice", Upload::kPutStream, 70000, "PUT /upload HTTP/1.1"},
-    {"GetJsonWithBody", Upload::kGetJson, 3000, "GET /upload HTTP/1.1"},
-    {"DeleteJsonWithBody", Upload::kDeleteJson, 3000, "DELETE /upload HTTP/1.1"},
-    {"Post2MiB", Upload::kPost, 2 << 20, "POST /upload HTTP/1.1"},
+const UploadCase kUploadCases[] = {
+    {"PutMemory", 70000, "PUT /upload HTTP/1.1",
+     [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+       return HttpHelpers::HttpPut(b.data(), b.size(), c, u, 200, {}, {}, {}, {});
+     }},
+    {"PutSizedDevice", 70000, "PUT /upload HTTP/1.1",
+     [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+       kx::kxIoDeviceStringReadOnly sized(b);
+       return HttpHelpers::HttpPut(c, u, sized, 200, {}, {}, {}, {});
+     }},
+    {"PutChunkedDevice", 70000, "PUT /upload HTTP/1.1",
+     [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+       StreamSource stream(b);
+       return HttpHelpers::HttpPut(c, u, stream, 200, {}, {}, {}, {});
+     }},
+    {"GetJsonWithBody", 3000, "GET /upload HTTP/1.1",
+     [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+       std::string out;
+       return HttpHelpers::HttpGetJson(c, u, out, {}, {}, {}, {}, b.data(), b.size(), false);
+     }},
+    {"DeleteJsonWithBody", 3000, "DELETE /upload HTTP/1.1",
+     [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+       return HttpHelpers::HttpDeleteJson(c, u, b.data(), b.size(), 200, {}, {}, {}, {});
+     }},
+    {"Post2MiB", 2 << 20, "POST /upload HTTP/1.1",
+     [](HttpConnection& c, const HttpUrl& u, const std::string& b) {
+       return HttpHelpers::HttpPost(b.data(), b.size(), c, u, 200, {}, {}, {}, {});
+     }},
 };
 
 class HttpUploadTest : public testing::Test, public testing::WithParamInterface<UploadCase> {
@@ -49,36 +71,9 @@ TEST_P(HttpUploadTest, SendsNoExpectAndTheWholeBody) {
   const UploadCase& c = GetParam();
   kx::test::RawTcpFaultServer server(kx::test::RawTcpFaultServer::Mode::kAnswerAfterBody);
   ASSERT_TRUE(server.isRunning()) << server.startError();
-  const HttpUrl url(server.url("/upload"));
   const std::string body = kx::test::LoopbackHttpServer::PatternBytes(c.size);
-  kx::http::HttpConnection connection;
-  std::string out;
-  kx::kxIoDeviceStringReadOnly sized(body);
-  StreamSource stream(body);
-  bool ok = false;
-  switch (c.upload) {
-    case Upload::kPutMemory:
-      ok = HttpHelpers::HttpPut(body.data(), body.size(), connection, url, 200, nullptr, nullptr, nullptr, nullptr);
-      break;
-    case Upload::kPutSizedDevice:
-      ok = HttpHelpers::HttpPut(connection, url, sized, 200, nullptr, nullptr, nullptr, nullptr);
-      break;
-    case Upload::kPutStream:
-      ok = HttpHelpers::HttpPut(connection, url, stream, 200, nullptr, nullptr, nullptr, nullptr);
-      break;
-    case Upload::kGetJson:
-      ok = HttpHelpers::HttpGetJson(connection, url, out, nullptr, nullptr, nullptr, nullptr, body.data(), body.size(),
-                                    false);
-      break;
-    case Upload::kDeleteJson:
-      ok = HttpHelpers::HttpDeleteJson(connection, url, body.data(), body.size(), 200, nullptr, nullptr, nullptr,
-                                       nullptr);
-      break;
-    case Upload::kPost:
-      ok = HttpHelpers::HttpPost(body.data(), body.size(), connection, url, 200, nullptr, nullptr, nullptr, nullptr);
-      break;
-  }
-  EXPECT_TRUE(ok) << connection.getLastErrorMsg();
+  HttpConnection connection;
+  EXPECT_TRUE(c.send(connection, HttpUrl(server.url("/upload")), body)) << connection.getLastErrorMsg();
   ASSERT_EQ(server.requestHeads().size(), 1u);
   const std::string head = server.requestHeads()[0];
   EXPECT_EQ(head.substr(0, head.find("\r\n")), c.requestLine);
