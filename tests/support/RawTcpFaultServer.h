@@ -24,8 +24,8 @@
 // libcurl judges the low-speed rule on its average over the last 5 s, so after the partial response's
 // burst a limit of 1 byte/s fires only some 6 s later; a limit above the burst's rate (100) fires at once.
 //
-// "Request read" means: up to the blank line ending the head, the client's close, or 5 s, whichever
-// comes first (a TLS client never sends a blank line; it gets the misbehaviour after 5 s).
+// "Request read" means: up to the blank line ending the head or the client's close (a TLS client never
+// sends a blank line: it waits until the server goes).
 //
 // Thread-safety: thread-safe. One thread per connection.
 // Ownership: the destructor wakes every connection thread, closes all sockets and joins the threads at

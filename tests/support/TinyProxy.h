@@ -11,8 +11,8 @@
 //   EXPECT_EQ(server.lastRequest().header(kx::test::TinyProxy::kMarkerHeader), kx::test::TinyProxy::kMarkerValue);
 //
 // Thread-safety: thread-compatible; the proxy itself serves any number of client threads.
-// Ownership: the destructor ends the process (SIGTERM, then SIGKILL after 5 s), reaps it and removes the
-// temporary directory with its configuration and log.
+// Ownership: the destructor kills the process, reaps it and removes the temporary directory with its
+// configuration and log.
 #pragma once
 
 #include <cstdint>
@@ -53,7 +53,6 @@ class TinyProxy {
   std::string dir_;
   std::string error_;
   int pid_ = -1;
-  int pidFd_ = -1;
   uint16_t port_ = 0;
 };
 
