@@ -79,7 +79,6 @@ class RawTcpFaultServer::Impl {
   ~Impl() {
     if (stopFd_ >= 0) ::eventfd_write(stopFd_, 1);
     if (acceptor_.joinable()) acceptor_.join();
-    for (auto& worker : workers_) worker.join();
     if (listenFd_ >= 0) ::close(listenFd_);
     if (stopFd_ >= 0) ::close(stopFd_);
   }
@@ -111,26 +110,17 @@ class RawTcpFaultServer::Impl {
   mutable std::condition_variable cv_;
   std::vector<std::string> heads_;
   std::vector<std::string> bodies_;
-  size_t headsDone_ = 0;
 
  private:
+  // Connections are served one at a time, in their order of arrival: a test makes one or two.
   void acceptLoop() {
     while (WaitReadable(listenFd_, stopFd_)) {
-      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0) continue;
-      size_t slot;
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        slot = heads_.size();
-        heads_.emplace_back();
-        bodies_.emplace_back();
-      }
-      // A test makes a handful of connections: their threads are joined when the server goes.
-      workers_.emplace_back([this, fd, slot] { serve(fd, slot); });
+      const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd >= 0) serve(fd);
     }
   }
 
-  void serve(int fd, size_t slot) {
+  void serve(int fd) {
     std::string bytes, body;
     size_t end;
     while ((end = bytes.find("\r\n\r\n")) == std::string::npos && Receive(fd, stopFd_, bytes)) {
@@ -139,8 +129,8 @@ class RawTcpFaultServer::Impl {
     bytes.erase(0, head.size());
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      heads_[slot] = head;
-      ++headsDone_;
+      heads_.push_back(head);
+      bodies_.emplace_back();
     }
     cv_.notify_all();
     switch (mode_) {
@@ -168,7 +158,7 @@ class RawTcpFaultServer::Impl {
         if (BodyComplete(head, bytes, body)) {
           {
             std::lock_guard<std::mutex> lock(mutex_);
-            bodies_[slot] = body;
+            bodies_.back() = body;
           }
           SendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nConnection: close\r\n\r\nok\n");
         }
@@ -181,7 +171,6 @@ class RawTcpFaultServer::Impl {
   int listenFd_ = -1;
   int stopFd_ = -1;
   std::thread acceptor_;
-  std::vector<std::thread> workers_;  // touched by the acceptor thread, then by the destructor after joining it
 };
 
 RawTcpFaultServer::RawTcpFaultServer(Mode mode) : impl_(std::make_unique<Impl>(mode)) { impl_->start(); }
@@ -203,7 +192,7 @@ std::vector<std::string> RawTcpFaultServer::requestBodies() const {
 }
 bool RawTcpFaultServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(impl_->mutex_);
-  return impl_->cv_.wait_for(lock, timeout, [&] { return impl_->headsDone_ >= count; });
+  return impl_->cv_.wait_for(lock, timeout, [&] { return impl_->heads_.size() >= count; });
 }
 
 }  // namespace kx::test
