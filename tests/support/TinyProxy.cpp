@@ -67,12 +67,6 @@ TinyProxy::~TinyProxy() {
   if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
 }
 
-std::string TinyProxy::skipReason() const {
-  return std::string(kExecutable) + " is not installed (Debian package tinyproxy); proxy tests are skipped";
-}
-
-std::string TinyProxy::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
 std::string TinyProxy::log() const {
   return dir_.empty() ? std::string() : ReadFile(dir_ + "/tinyproxy.log") + ReadFile(dir_ + "/tinyproxy.out");
 }

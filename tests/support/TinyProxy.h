@@ -35,12 +35,12 @@ class TinyProxy {
 
   // False when tinyproxy is not installed; tests then skip with skipReason().
   bool isAvailable() const { return available_; }
-  std::string skipReason() const;
+  std::string skipReason() const { return std::string(kExecutable) + " is not installed; proxy tests are skipped"; }
 
   bool isRunning() const { return pid_ > 0; }
   const std::string& startError() const { return error_; }
 
-  std::string url() const;  // "http://127.0.0.1:<port>"
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
   // tinyproxy's log (connections, requests), for a failure message.
   std::string log() const;
