@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>

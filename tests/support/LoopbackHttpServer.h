@@ -31,8 +31,7 @@
 //
 // Requests with a body that cpp-httplib would not read (GET, HEAD, OPTIONS with a Content-Length or chunked
 // framing, as libcurl sends for an upload with a custom "GET") are read too: the handler sees the body in
-// req.body and the body is recorded. (A multipart/form-data body is parsed into req.files by cpp-httplib
-// and not recorded.)
+// req.body and the body is recorded. (cpp-httplib parses a multipart/form-data body into req.files.)
 //
 // The process's SIGPIPE disposition is left as it was (cpp-httplib alone would set it to "ignore"), so a
 // client under test that writes to a closed socket without MSG_NOSIGNAL still shows up.
@@ -40,7 +39,7 @@
 // Thread-safety: thread-safe. Routes may be added and records read while requests are served; handlers
 // run on the server's connection threads (one per connection), possibly several at once.
 // Ownership: the destructor stops accepting, shuts down every open connection (idle keep-alive ones
-// included, so it never waits for a client), ends the trickles and joins all threads.
+// included, so it never waits for a client), ends the trickles and waits for every connection thread.
 #pragma once
 
 #include <httplib.h>
