@@ -44,6 +44,7 @@ thread_local std::string tRelabelledMethod;
 // the last one to be done with the queue.
 class ThreadPerConnectionQueue final : public httplib::TaskQueue {
  public:
+  ~ThreadPerConnectionQueue() override { shutdown(); }
   void enqueue(std::function<void()> fn) override {
     std::lock_guard<std::mutex> lock(mutex_);
     ++running_;
