@@ -1,27 +1,29 @@
 #include "support/CorvixTestEnvironment.h"
 
+#include <gtest/gtest.h>
+
 #include <kx/Corvix.h>
 #include <kx/http/HttpHeaders.h>
 #include <kx/http/HttpPolicies.h>
 
-#include <string_view>
+#include <regex>
 
 namespace kx::test {
 namespace {
 
-bool WantsUninitialisedLibrary(std::string_view suite) {
-  auto endsWith = [&](std::string_view suffix) {
-    return suite.size() >= suffix.size() && suite.substr(suite.size() - suffix.size()) == suffix;
-  };
-  return endsWith("LifecycleTest") || endsWith("LifetimeTest") || endsWith("UninitializedTest");
-}
+class Environment final : public testing::Environment {
+ public:
+  void SetUp() override { ASSERT_TRUE(initializeCorvix(CorvixTestEnvironment::kUserAgent)); }
+  void TearDown() override { terminateCorvix(); }
+};
 
 class PerTestListener final : public testing::EmptyTestEventListener {
  public:
   void OnTestStart(const testing::TestInfo& info) override {
     savedPolicies_ = GetDefaultPolicies();
     savedHeaders_ = GetDefaultHttpHeaders();
-    if (!WantsUninitialisedLibrary(info.test_suite_name()) || !IsCorvixInitialized()) return;
+    static const std::regex kUninitialised("(Lifecycle|Lifetime|Uninitialized)Test$");
+    if (!std::regex_search(info.test_suite_name(), kUninitialised) || !IsCorvixInitialized()) return;
     terminateCorvix();
     released_ = true;
   }
@@ -44,12 +46,8 @@ class PerTestListener final : public testing::EmptyTestEventListener {
 }  // namespace
 
 void CorvixTestEnvironment::Register() {
-  testing::AddGlobalTestEnvironment(new CorvixTestEnvironment);  // GoogleTest takes ownership
+  testing::AddGlobalTestEnvironment(new Environment);  // GoogleTest takes ownership
   testing::UnitTest::GetInstance()->listeners().Append(new PerTestListener);
 }
-
-void CorvixTestEnvironment::SetUp() { ASSERT_TRUE(initializeCorvix(kUserAgent)); }
-
-void CorvixTestEnvironment::TearDown() { terminateCorvix(); }
 
 }  // namespace kx::test

@@ -12,19 +12,13 @@
 // TestMain.cpp registers it in every test program (tests/CMakeLists.txt links that main).
 #pragma once
 
-#include <gtest/gtest.h>
-
 namespace kx::test {
 
-class CorvixTestEnvironment final : public testing::Environment {
- public:
+struct CorvixTestEnvironment {
   static constexpr const char* kUserAgent = "kx-tests";
 
   // Hands the environment and its per-test listener to GoogleTest; once, before RUN_ALL_TESTS().
   static void Register();
-
-  void SetUp() override;
-  void TearDown() override;
 };
 
 }  // namespace kx::test

@@ -8,7 +8,7 @@ namespace kx::test {
 // Shared with the sink: the log may still be delivering a record on another thread while the capture is
 // destroyed, and that call must find the state alive.
 struct LogCapture::State {
-  mutable std::mutex mutex;
+  std::mutex mutex;
   std::vector<kxLogRecord> records;
 };
 
@@ -35,9 +35,8 @@ std::vector<kxLogRecord> LogCapture::records() const {
 }
 
 std::vector<std::string> LogCapture::texts(std::string_view category) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
   std::vector<std::string> out;
-  for (const auto& record : state_->records) {
+  for (const auto& record : records()) {
     if (record.category == category) out.push_back(record.text);
   }
   return out;
@@ -46,21 +45,18 @@ std::vector<std::string> LogCapture::texts(std::string_view category) const {
 bool LogCapture::contains(std::string_view text) const { return count(text) > 0; }
 
 bool LogCapture::containsFragment(std::string_view fragment) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return std::any_of(state_->records.begin(), state_->records.end(),
-                     [&](const kxLogRecord& r) { return r.text.find(fragment) != std::string::npos; });
+  const auto all = records();
+  return std::any_of(all.begin(), all.end(), [&](const auto& r) { return r.text.find(fragment) != std::string::npos; });
 }
 
 size_t LogCapture::count(std::string_view text) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return static_cast<size_t>(std::count_if(state_->records.begin(), state_->records.end(),
-                                           [&](const kxLogRecord& r) { return r.text == text; }));
+  const auto all = records();
+  return static_cast<size_t>(std::count_if(all.begin(), all.end(), [&](const auto& r) { return r.text == text; }));
 }
 
 std::string LogCapture::dump() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
   std::string out;
-  for (const auto& record : state_->records) {
+  for (const auto& record : records()) {
     out += std::to_string(record.type) + " [" + record.category + "] " + record.text + "\n";
   }
   return out;

@@ -1,8 +1,6 @@
-// The server itself: start and stop, the per-connection request loop, routing and the request records.
-// The connection stream, TLS and the built-in routes live in the files named in LoopbackConnection.h.
 #include "support/LoopbackHttpServer.h"
 
-#include "support/LoopbackConnection.h"
+#include "support/TestCertificates.h"
 
 #include <gtest/gtest.h>
 
@@ -12,37 +10,148 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/eventfd.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <climits>
+#include <cstring>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <regex>
 #include <set>
 #include <thread>
 
 namespace kx::test {
-
-using namespace loopback;
-
 namespace {
 
-// The verified client certificate's subject of the connection being served, for the record. The handler
-// runs on the connection's own thread, so a thread-local pointer reaches it without any lock.
-thread_local const std::string* tClientSubject = nullptr;
+using Handler = LoopbackHttpServer::Handler;
 
-}  // namespace
+bool WaitFor(int fd, short events, int timeoutMs) {
+  pollfd p{fd, events, 0};
+  return ::poll(&p, 1, timeoutMs) > 0;
+}
 
-std::vector<std::pair<std::string, std::string>> loopback::ReceivedHeaders(const httplib::Request& req) {
+// The method of the request being served on this thread when readRequestHead() relabelled it, for
+// dispatch(), which runs on the same thread.
+thread_local std::string tRelabelledMethod;
+
+// cpp-httplib's default pool has a fixed number of threads, and every idle keep-alive connection holds
+// one: a pool test keeping more connections open than that would stall. One thread per connection never
+// starves. The threads are detached, so that a finished one frees its stack at once; shutdown() waits for
+// the last one to be done with the queue.
+class ThreadPerConnectionQueue final : public httplib::TaskQueue {
+ public:
+  ~ThreadPerConnectionQueue() override { shutdown(); }
+  void enqueue(std::function<void()> fn) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++running_;
+    std::thread([this, fn = std::move(fn)]() mutable {
+      fn();
+      fn = nullptr;
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (--running_ == 0) idle_.notify_all();
+    }).detach();
+  }
+  void shutdown() override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    idle_.wait(lock, [this] { return running_ == 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  size_t running_ = 0;
+};
+
+// The byte stream of one connection, plain or TLS, over a blocking socket whose SO_RCVTIMEO and
+// SO_SNDTIMEO bound every call. Besides serving cpp-httplib, it reads each request head ahead.
+class ConnectionStream final : public httplib::Stream {
+ public:
+  ConnectionStream(int fd, SSL* ssl, int timeoutMs) : fd_(fd), ssl_(ssl), timeoutMs_(timeoutMs) {}
+
+  bool is_readable() const override { return hasBufferedData() || WaitFor(fd_, POLLIN, timeoutMs_); }
+  bool is_writable() const override { return WaitFor(fd_, POLLOUT, timeoutMs_); }
+  ssize_t read(char* ptr, size_t size) override {
+    if (pos_ == buffer_.size()) return readRaw(ptr, size);
+    size_t n = buffer_.copy(ptr, size, pos_);
+    pos_ += n;
+    return static_cast<ssize_t>(n);
+  }
+  ssize_t write(const char* ptr, size_t size) override {
+    for (size_t done = 0; done < size;) {
+      ssize_t n = ssl_ ? SSL_write(ssl_, ptr + done, static_cast<int>(std::min<size_t>(size - done, INT_MAX)))
+                       : ::send(fd_, ptr + done, size - done, MSG_NOSIGNAL);
+      if (n <= 0) return ERR_clear_error(), -1;
+      done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(size);
+  }
+  // The records carry no addresses, so cpp-httplib is told none.
+  void get_remote_ip_and_port(std::string&, int&) const override {}
+  void get_local_ip_and_port(std::string&, int&) const override {}
+  socket_t socket() const override { return fd_; }
+
+  bool hasBufferedData() const { return pos_ < buffer_.size() || (ssl_ && SSL_pending(ssl_) > 0); }
+
+  // Reads the next request head into the buffer. cpp-httplib reads the bodies of POST, PUT, PATCH and
+  // DELETE only, and would take any other body for the next request: a request of another method that
+  // announces a body is relabelled POST here, so that cpp-httplib reads it, and dispatch() gives it its
+  // own method back. False when the connection ended before a request began.
+  bool readRequestHead() {
+    buffer_.erase(0, pos_);
+    pos_ = 0;
+    tRelabelledMethod.clear();
+    size_t end;
+    while ((end = buffer_.find("\r\n\r\n")) == std::string::npos) {
+      char chunk[16 * 1024];
+      ssize_t n = buffer_.size() > 64 * 1024 ? 0 : readRaw(chunk, sizeof(chunk));
+      // An oversized or truncated head is cpp-httplib's to reject.
+      if (n <= 0) return !buffer_.empty();
+      buffer_.append(chunk, static_cast<size_t>(n));
+    }
+    const std::string head = buffer_.substr(0, end + 2);
+    const std::string method = head.substr(0, head.find(' '));
+    static const std::set<std::string> kWithBody = {"POST", "PUT", "PATCH", "DELETE", "PRI"};
+    if (method.size() < end && !kWithBody.count(method) &&
+        (::strcasestr(head.c_str(), "\r\nContent-Length:") || ::strcasestr(head.c_str(), "\r\nTransfer-Encoding:"))) {
+      tRelabelledMethod = method;
+      buffer_.replace(0, method.size(), "POST");
+    }
+    return true;
+  }
+
+ private:
+  ssize_t readRaw(char* ptr, size_t size) {
+    ssize_t n =
+        ssl_ ? SSL_read(ssl_, ptr, static_cast<int>(std::min<size_t>(size, INT_MAX))) : ::recv(fd_, ptr, size, 0);
+    if (n <= 0) ERR_clear_error();
+    return n;
+  }
+
+  int fd_;
+  SSL* ssl_;
+  int timeoutMs_;
+  std::string buffer_;
+  size_t pos_ = 0;
+};
+
+// Subject of the peer's certificate, or "". A server that asks for one fails the handshake unless the
+// certificate was sent and verified, so any certificate seen here is a verified one.
+std::string PeerSubject(const SSL* ssl) {
+  X509* cert = ssl ? SSL_get1_peer_certificate(ssl) : nullptr;
+  char subject[256] = "";
+  if (cert) X509_NAME_oneline(X509_get_subject_name(cert), subject, sizeof(subject));
+  X509_free(cert);
+  return subject;
+}
+
+// The request headers as the client sent them (cpp-httplib's address pseudo-headers left out).
+std::vector<std::pair<std::string, std::string>> ReceivedHeaders(const httplib::Request& req) {
   std::vector<std::pair<std::string, std::string>> headers;
   for (const auto& [name, value] : req.headers) {
-    // cpp-httplib stores the peer and local addresses as if they were request headers; they were never sent.
     if (name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" && name != "LOCAL_PORT") {
       headers.emplace_back(name, value);
     }
@@ -50,32 +159,52 @@ std::vector<std::pair<std::string, std::string>> loopback::ReceivedHeaders(const
   return headers;
 }
 
-class LoopbackHttpServer::Impl final : public httplib::Server {
- public:
-  explicit Impl(LoopbackHttpServerOptions options) : options_(std::move(options)) {}
+size_t QueryNumber(const httplib::Request& req, const char* name, size_t fallback) {
+  return req.has_param(name) ? std::stoul(req.get_param_value(name)) : fallback;
+}
 
-  ~Impl() override {
-    stopAndJoin();
-    if (ctx_) SSL_CTX_free(ctx_);
-    if (wakeFd_ >= 0) ::close(wakeFd_);
+std::string CertificateFile(const LoopbackHttpServerOptions& options, const char* suffix) {
+  if (options.tls == LoopbackHttpServerOptions::Tls::kOff) return "";
+  return TestCertificates::Shared().path((options.wrongNameCertificate ? "wrong-name" : "localhost") +
+                                         std::string(suffix));
+}
+
+}  // namespace
+
+// cpp-httplib's SSLServer gives the TLS context for the options (certificate, client certificate
+// checks); the connections themselves are served here, plain or TLS, so that the server can track and
+// close them and read every request body.
+class LoopbackHttpServer::Impl final : public httplib::SSLServer {
+ public:
+  explicit Impl(LoopbackHttpServerOptions options)
+      : SSLServer(CertificateFile(options, ".crt").c_str(), CertificateFile(options, ".key").c_str(),
+                  options.tls == LoopbackHttpServerOptions::Tls::kRequireClientCertificate
+                      ? TestCertificates::Shared().caCertificatePath().c_str()
+                      : nullptr),
+        options_(options) {
+    ERR_clear_error();  // what a plain server's empty certificate path left behind
   }
 
-  bool start() {
-    if (options_.tls != LoopbackHttpServerOptions::Tls::kOff) {
-      ctx_ = MakeTlsContext(options_, startError_);
-      if (!ctx_) return false;
+  ~Impl() override {
+    closeConnections(true);
+    if (listener_.joinable()) {
+      stop();
+      listener_.join();
     }
-    wakeFd_ = ::eventfd(0, EFD_CLOEXEC);
-    if (wakeFd_ < 0) {
-      startError_ = std::string("eventfd failed: ") + std::strerror(errno);
+  }
+
+  // A plain server has no TLS context, and needs none.
+  bool is_valid() const override { return true; }
+
+  bool start() {
+    const bool tls = options_.tls != LoopbackHttpServerOptions::Tls::kOff;
+    if (tls && !ssl_context()) {
+      startError_ = "TLS context setup failed for the test certificates";
       return false;
     }
-
-    set_keep_alive_max_count(options_.keepAliveMaxRequests ? options_.keepAliveMaxRequests : 1000000);
-    set_keep_alive_timeout(static_cast<time_t>((options_.keepAliveTimeout.count() + 999) / 1000));
-    set_read_timeout(options_.ioTimeout);
-    set_write_timeout(options_.ioTimeout);
-
+    // Needed as soon as client certificates are verified: without it OpenSSL refuses to resume the
+    // sessions libcurl offers on its next connection, and that handshake fails.
+    if (tls) SSL_CTX_set_session_id_context(ssl_context(), reinterpret_cast<const unsigned char*>("kx"), 2);
     // Every request reaches dispatch(), which keeps its own route table: cpp-httplib's tables must not
     // change while the server runs, and tests add routes to a server that is already serving.
     Handler dispatcher = [this](const httplib::Request& req, httplib::Response& res) { dispatch(req, res); };
@@ -86,25 +215,22 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
     httplib::Server::Patch(kEveryPath, dispatcher);
     httplib::Server::Delete(kEveryPath, dispatcher);
     httplib::Server::Options(kEveryPath, dispatcher);
-    AddBuiltInRoutes([this](const char* method, const char* pattern, Handler handler) {
-      addRoute(method, pattern, std::move(handler), true);
-    }, [this](std::chrono::milliseconds duration) { return waitForStop(duration); });
+    addBuiltInRoutes();
 
     // cpp-httplib asks for its task queue right after it marks itself running and before its first
     // accept: the one moment stop() is sure to work, hence the readiness signal.
     new_task_queue = [this] {
-      auto* queue = new ThreadPerConnectionQueue();
       {
-        std::lock_guard<std::mutex> lock(stateMutex_);
+        std::lock_guard<std::mutex> lock(mutex_);
         listening_ = true;
       }
-      stateCv_.notify_all();
-      return queue;
+      cv_.notify_all();
+      return new ThreadPerConnectionQueue();
     };
-
-    int port = bind_to_any_port(options_.ipv6 ? "::1" : "127.0.0.1");
+    const char* host = options_.ipv6 ? "::1" : "127.0.0.1";
+    int port = bind_to_any_port(host);
     if (port <= 0) {
-      startError_ = std::string("cannot bind a port on ") + (options_.ipv6 ? "::1" : "127.0.0.1");
+      startError_ = std::string("cannot bind a port on ") + host;
       return false;
     }
     port_ = static_cast<uint16_t>(port);
@@ -116,63 +242,40 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
       sigaddset(&pipe, SIGPIPE);
       pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
       listen_after_bind();
-      {
-        std::lock_guard<std::mutex> lock(stateMutex_);
-        listenEnded_ = true;
-      }
-      stateCv_.notify_all();
     });
-    std::unique_lock<std::mutex> lock(stateMutex_);
-    stateCv_.wait(lock, [this] { return listening_ || listenEnded_; });
-    if (!listening_) startError_ = "the accept loop ended before it started";
-    return listening_;
+    std::unique_lock<std::mutex> lock(mutex_);
+    cv_.wait(lock, [this] { return listening_; });
+    return true;
   }
 
-  void stopAndJoin() {
+  // Shuts down every open connection; with stopping, also those accepted from now on, and the trickles.
+  void closeConnections(bool stopping) {
     {
-      std::lock_guard<std::mutex> lock(stateMutex_);
-      stopping_ = true;
-    }
-    stateCv_.notify_all();
-    {
-      std::lock_guard<std::mutex> lock(connMutex_);
-      closing_ = true;
+      // Under the lock a connection thread cannot close its descriptor, so the number shut down here is
+      // still the connection's and not a descriptor the process reused meanwhile.
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = stopping_ || stopping;
       for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
     }
-    if (wakeFd_ >= 0) {
-      uint64_t one = 1;
-      [[maybe_unused]] ssize_t ignored = ::write(wakeFd_, &one, sizeof(one));
-    }
-    if (listener_.joinable()) {
-      stop();
-      listener_.join();
-    }
+    cv_.notify_all();
   }
 
-  // Waits up to duration; true when the server is stopping (the caller should give up).
-  bool waitForStop(std::chrono::milliseconds duration) {
-    std::unique_lock<std::mutex> lock(stateMutex_);
-    return stateCv_.wait_for(lock, duration, [this] { return stopping_; });
-  }
-
-  void addRoute(std::string method, const std::string& pattern, Handler handler, bool builtIn = false) {
+  void addRoute(std::string method, const std::string& pattern, Handler handler) {
     auto route = std::make_shared<const Route>(Route{std::move(method), std::regex(pattern), std::move(handler)});
-    std::lock_guard<std::mutex> lock(routeMutex_);
-    (builtIn ? builtInRoutes_ : userRoutes_).push_back(std::move(route));
+    std::lock_guard<std::mutex> lock(mutex_);
+    routes_.push_back(std::move(route));
   }
 
-  LoopbackHttpServerOptions options_;
+  const LoopbackHttpServerOptions options_;
   std::string startError_;
   uint16_t port_ = 0;
 
-  mutable std::mutex recordMutex_;
-  mutable std::condition_variable recordCv_;
+  // One lock for the records, the open connections, the routes and the server's state.
+  mutable std::mutex mutex_;
+  mutable std::condition_variable cv_;
   std::vector<RecordedRequest> records_;
-
-  mutable std::mutex connMutex_;
   std::set<int> open_;  // descriptors of the open connections
   uint64_t accepted_ = 0;
-  bool closing_ = false;
 
  private:
   struct Route {
@@ -182,153 +285,152 @@ class LoopbackHttpServer::Impl final : public httplib::Server {
   };
 
   bool process_and_close_socket(socket_t sock) override {
-    std::string clientSubject;
     {
-      std::lock_guard<std::mutex> lock(connMutex_);
-      if (closing_) {
-        ::shutdown(sock, SHUT_RDWR);
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_) {
         ::close(sock);
         return false;
       }
       ++accepted_;
       open_.insert(sock);
     }
-    const int ioTimeoutMs = ToPollTimeout(options_.ioTimeout);
-    // Bounds the blocking TLS handshake for a client that connects and never speaks.
-    timeval tv{static_cast<time_t>(ioTimeoutMs / 1000), static_cast<suseconds_t>((ioTimeoutMs % 1000) * 1000)};
+    // The time-outs bound every read and write, the blocking TLS handshake of a client that connects and
+    // never speaks included. A response leaves in several writes (head, body); with Nagle's algorithm
+    // the second one would wait for the client's delayed ACK, 40 ms per request.
+    const int timeoutMs = static_cast<int>(options_.ioTimeout.count());
+    timeval tv{static_cast<time_t>(timeoutMs / 1000), static_cast<suseconds_t>((timeoutMs % 1000) * 1000)};
     ::setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
     ::setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
-    // A response leaves in several writes (head, body); with Nagle's algorithm the second one waits for
-    // the client's delayed ACK, 40 ms per request.
     int noDelay = 1;
     ::setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
 
-    SSL* ssl = nullptr;
-    bool ready = true;
-    if (ctx_) {
-      ssl = SSL_new(ctx_);
-      ERR_clear_error();
-      ready = ssl && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1;
-      if (ready) clientSubject = PeerSubject(ssl);
-      ERR_clear_error();
-    }
-
-    bool result = false;
-    if (ready) {
-      ConnectionStream stream(sock, ssl, ioTimeoutMs);
-      for (size_t served = 0;; ++served) {
-        if (!waitForRequest(stream, sock) || !stream.readRequestHead()) break;
-        bool last = (options_.keepAliveMaxRequests != 0 && served + 1 >= options_.keepAliveMaxRequests) ||
-                    isStopping();
-        bool closedByClient = false;
-        tClientSubject = &clientSubject;
-        result = process_request(stream, last, closedByClient, [&stream](httplib::Request& req) {
-          if (stream.hasCapturedBody()) req.body = stream.takeCapturedBody();
-        });
-        tClientSubject = nullptr;
-        if (!result || closedByClient || last) break;
+    const bool tls = options_.tls != LoopbackHttpServerOptions::Tls::kOff;
+    SSL* ssl = tls ? SSL_new(ssl_context()) : nullptr;
+    const bool ready = !tls || (ssl && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1);
+    ConnectionStream stream(sock, ssl, timeoutMs);
+    // The idle wait ends with the next request, the client's close, the keep-alive time-out, or the
+    // shutdown of the socket by closeConnections().
+    for (size_t served = 1; ready && (stream.hasBufferedData() ||
+                                      WaitFor(sock, POLLIN, static_cast<int>(options_.keepAliveTimeout.count())));
+         ++served) {
+      if (!stream.readRequestHead()) break;
+      const bool last = served == options_.keepAliveMaxRequests;
+      bool closedByClient = false;
+      if (!process_request(stream, last, closedByClient, [ssl](httplib::Request& req) { req.ssl = ssl; }) ||
+          closedByClient || last) {
+        break;
       }
     }
-    if (ssl) {
-      if (ready) SSL_shutdown(ssl);
-      SSL_free(ssl);
-      ERR_clear_error();
-    }
-    std::lock_guard<std::mutex> lock(connMutex_);
+    if (ssl && ready) SSL_shutdown(ssl);
+    SSL_free(ssl);
+    ERR_clear_error();
+    std::lock_guard<std::mutex> lock(mutex_);
     open_.erase(sock);
     ::shutdown(sock, SHUT_RDWR);
     ::close(sock);
-    return result;
+    return true;
   }
 
-  // Idle keep-alive wait: ends with the next request, the client's close, the keep-alive time-out or the
-  // server's stop, whichever comes first.
-  bool waitForRequest(ConnectionStream& stream, int sock) {
-    if (stream.hasBufferedData()) return true;
-    pollfd fds[2] = {{sock, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
-    int r;
-    do {
-      r = ::poll(fds, 2, ToPollTimeout(options_.keepAliveTimeout));
-    } while (r < 0 && errno == EINTR);
-    return r > 0 && fds[1].revents == 0;
+  // Waits up to duration; true when the server is stopping (the caller should give up).
+  bool waitForStop(std::chrono::milliseconds duration) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, duration, [this] { return stopping_; });
   }
 
-  bool isStopping() {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    return stopping_;
-  }
-
-  void dispatch(const httplib::Request& req, httplib::Response& res) {
-    RecordedRequest record;
-    record.method = req.method;
-    record.path = req.path;
-    record.headers = ReceivedHeaders(req);
-    record.body = req.body;
-    if (tClientSubject) record.clientCertificateSubject = *tClientSubject;
+  void dispatch(const httplib::Request& constRequest, httplib::Response& res) {
+    // cpp-httplib's Request is a local of its own, not a const object: giving it back its own method and
+    // our route's capture groups is sound, and avoids copying a request with a large body.
+    auto& req = const_cast<httplib::Request&>(constRequest);
+    if (!tRelabelledMethod.empty()) req.method = tRelabelledMethod;
+    RecordedRequest record{req.method, req.path, ReceivedHeaders(req), req.body, PeerSubject(req.ssl)};
+    std::shared_ptr<const Route> route;
     {
-      std::lock_guard<std::mutex> lock(recordMutex_);
+      std::lock_guard<std::mutex> lock(mutex_);
       records_.push_back(std::move(record));
+      // Newest first: a test's route wins over a built-in one on the same path.
+      for (auto it = routes_.rbegin(); it != routes_.rend() && !route; ++it) {
+        const std::string& method = (*it)->method;
+        if ((method.empty() || method == req.method || (req.method == "HEAD" && method == "GET")) &&
+            std::regex_match(req.path, req.matches, (*it)->regex)) {
+          route = *it;
+        }
+      }
     }
-    recordCv_.notify_all();
-
-    std::shared_ptr<const Route> route = findRoute(req.method, req.path);
-    if (!route) {
+    cv_.notify_all();
+    if (route) {
+      route->handler(req, res);
+    } else {
       res.status = 404;
       res.set_content("Not Found\n", "text/plain");
-      return;
     }
-    // cpp-httplib's Request is a local of its own, not a const object: giving it our route's capture
-    // groups is sound, and avoids copying a request with a large body.
-    auto& mutableRequest = const_cast<httplib::Request&>(req);
-    std::regex_match(mutableRequest.path, mutableRequest.matches, route->regex);
-    route->handler(req, res);
   }
 
-  std::shared_ptr<const Route> findRoute(const std::string& method, const std::string& path) const {
-    auto accepts = [&](const Route& route) {
-      return (route.method.empty() || route.method == method || (method == "HEAD" && route.method == "GET")) &&
-             std::regex_match(path, route.regex);
-    };
-    std::lock_guard<std::mutex> lock(routeMutex_);
-    for (auto it = userRoutes_.rbegin(); it != userRoutes_.rend(); ++it) {
-      if (accepts(**it)) return *it;
-    }
-    for (const auto& route : builtInRoutes_) {
-      if (accepts(*route)) return route;
-    }
-    return nullptr;
+  void addBuiltInRoutes() {
+    addRoute("", "/echo", [](const httplib::Request& req, httplib::Response& res) {
+      std::string out = req.method + " " + req.target + "\n";
+      for (const auto& [name, value] : ReceivedHeaders(req)) out += name + ": " + value + "\n";
+      res.set_content(out + "\n" + req.body, "text/plain");
+    });
+    addRoute("", "/echo/body", [](const httplib::Request& req, httplib::Response& res) {
+      std::string type = req.get_header_value("Content-Type");
+      res.set_content(req.body, type.empty() ? "application/octet-stream" : type);
+    });
+    addRoute("", "/status/(\\d{3})", [](const httplib::Request& req, httplib::Response& res) {
+      res.status = std::stoi(req.matches[1].str());
+      res.set_content(
+          req.has_param("size") ? PatternBytes(QueryNumber(req, "size", 0)) : "status " + req.matches[1].str() + "\n",
+          "text/plain");
+    });
+    addRoute("", "/redirect/(\\d+)", [](const httplib::Request& req, httplib::Response& res) {
+      size_t remaining = std::stoul(req.matches[1].str());
+      if (remaining == 0) {
+        res.set_content("redirect chain end\n", "text/plain");
+        return;
+      }
+      const size_t query = req.target.find('?');
+      res.status = 302;
+      res.set_header("Location", "/redirect/" + std::to_string(remaining - 1) +
+                                     (query == std::string::npos ? "" : req.target.substr(query)));
+    });
+    addRoute("", "/redirect-to", [](const httplib::Request& req, httplib::Response& res) {
+      res.status = static_cast<int>(QueryNumber(req, "status", 302));
+      res.set_header("Location", req.get_param_value("url"));
+    });
+    addRoute("GET", "/bytes/(\\d+)", [](const httplib::Request& req, httplib::Response& res) {
+      res.set_content(PatternBytes(std::stoul(req.matches[1].str())), "application/octet-stream");
+    });
+    addRoute("", "/response-headers", [](const httplib::Request& req, httplib::Response& res) {
+      for (const auto& [name, value] : req.params) res.set_header(name, value);
+      res.set_content("ok\n", "text/plain");
+    });
+    addRoute("GET", "/slow", [this](const httplib::Request& req, httplib::Response& res) {
+      auto interval = std::chrono::milliseconds(QueryNumber(req, "intervalMs", 100));
+      // application/octet-stream: cpp-httplib never compresses it, so the pace is the wire's.
+      res.set_content_provider(QueryNumber(req, "bytes", 1000000), "application/octet-stream",
+                               [this, interval](size_t offset, size_t, httplib::DataSink& sink) {
+                                 if (offset > 0 && waitForStop(interval)) return false;
+                                 return sink.write(PatternBytes(1, offset).data(), 1);
+                               });
+    });
   }
 
-  SSL_CTX* ctx_ = nullptr;
-  int wakeFd_ = -1;  // eventfd, readable once the server stops; idle connections wait on it
   std::thread listener_;
-
-  mutable std::mutex stateMutex_;
-  std::condition_variable stateCv_;
   bool listening_ = false;
-  bool listenEnded_ = false;
   bool stopping_ = false;
-
-  mutable std::mutex routeMutex_;
-  std::vector<std::shared_ptr<const Route>> userRoutes_;
-  std::vector<std::shared_ptr<const Route>> builtInRoutes_;
+  std::vector<std::shared_ptr<const Route>> routes_;
 };
+
 std::string RecordedRequest::header(std::string_view name) const {
-  for (const auto& [key, value] : headers) {
-    if (loopback::EqualsIgnoreCase(key, name)) return value;
-  }
-  return {};
+  std::vector<std::string> values = headerValues(name);
+  return values.empty() ? "" : values[0];
 }
 
-bool RecordedRequest::hasHeader(std::string_view name) const {
-  return std::any_of(headers.begin(), headers.end(),
-                     [&](const auto& h) { return loopback::EqualsIgnoreCase(h.first, name); });
-}
+bool RecordedRequest::hasHeader(std::string_view name) const { return !headerValues(name).empty(); }
 
 std::vector<std::string> RecordedRequest::headerValues(std::string_view name) const {
   std::vector<std::string> values;
   for (const auto& [key, value] : headers) {
-    if (loopback::EqualsIgnoreCase(key, name)) values.push_back(value);
+    if (key.size() == name.size() && ::strncasecmp(key.data(), name.data(), name.size()) == 0) values.push_back(value);
   }
   return values;
 }
@@ -343,7 +445,7 @@ LoopbackHttpServer::LoopbackHttpServer(LoopbackHttpServerOptions options) {
     std::lock_guard<std::mutex> lock(signalMutex);
     struct sigaction previous {};
     ::sigaction(SIGPIPE, nullptr, &previous);
-    impl_ = std::make_unique<Impl>(std::move(options));
+    impl_ = std::make_unique<Impl>(options);
     ::sigaction(SIGPIPE, &previous, nullptr);
   }
   if (!impl_->start()) ADD_FAILURE() << "LoopbackHttpServer did not start: " << impl_->startError_;
@@ -370,50 +472,34 @@ LoopbackHttpServer& LoopbackHttpServer::Post(const std::string& pattern, Handler
 }
 
 std::vector<RecordedRequest> LoopbackHttpServer::requests() const {
-  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
+  std::lock_guard<std::mutex> lock(impl_->mutex_);
   return impl_->records_;
 }
-size_t LoopbackHttpServer::requestCount() const {
-  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
-  return impl_->records_.size();
-}
+size_t LoopbackHttpServer::requestCount() const { return requests().size(); }
 RecordedRequest LoopbackHttpServer::lastRequest() const {
-  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
-  return impl_->records_.empty() ? RecordedRequest() : impl_->records_.back();
-}
-bool LoopbackHttpServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(impl_->recordMutex_);
-  return impl_->recordCv_.wait_for(lock, timeout, [&] { return impl_->records_.size() >= count; });
+  std::vector<RecordedRequest> all = requests();
+  return all.empty() ? RecordedRequest() : all.back();
 }
 void LoopbackHttpServer::clearRequests() {
-  std::lock_guard<std::mutex> lock(impl_->recordMutex_);
+  std::lock_guard<std::mutex> lock(impl_->mutex_);
   impl_->records_.clear();
 }
 
 uint64_t LoopbackHttpServer::acceptedConnections() const {
-  std::lock_guard<std::mutex> lock(impl_->connMutex_);
+  std::lock_guard<std::mutex> lock(impl_->mutex_);
   return impl_->accepted_;
 }
-void LoopbackHttpServer::closeConnections() {
-  // Under the lock a connection thread cannot close its descriptor, so the number shut down here is
-  // still the connection's and not a descriptor the process reused meanwhile.
-  std::lock_guard<std::mutex> lock(impl_->connMutex_);
-  for (int fd : impl_->open_) ::shutdown(fd, SHUT_RDWR);
-}
+void LoopbackHttpServer::closeConnections() { impl_->closeConnections(false); }
 
 std::string LoopbackHttpServer::PatternBytes(size_t size, size_t offset) {
   std::string out;
-  out.reserve(size);
-  size_t position = offset;
-  while (out.size() < size) {
-    char block[32];
-    std::snprintf(block, sizeof(block), "%015zu\n", position / 16 * 16);
-    size_t within = position % 16;
-    size_t take = std::min(16 - within, size - out.size());
-    out.append(block + within, take);
-    position += take;
+  out.reserve(size + 16);
+  for (size_t block = offset / 16 * 16; out.size() < size + offset % 16; block += 16) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%015zu\n", block);
+    out += text;
   }
-  return out;
+  return out.substr(offset % 16, size);
 }
 
 }  // namespace kx::test

@@ -30,8 +30,8 @@
 // Unknown paths answer 404 with the body "Not Found\n".
 //
 // Requests with a body that cpp-httplib would not read (GET, HEAD, OPTIONS with a Content-Length or chunked
-// framing, as libcurl sends for an upload with a custom "GET") are read here: the handler sees the body in
-// req.body and the body is recorded.
+// framing, as libcurl sends for an upload with a custom "GET") are read too: the handler sees the body in
+// req.body and the body is recorded. (cpp-httplib parses a multipart/form-data body into req.files.)
 //
 // The process's SIGPIPE disposition is left as it was (cpp-httplib alone would set it to "ignore"), so a
 // client under test that writes to a closed socket without MSG_NOSIGNAL still shows up.
@@ -39,7 +39,7 @@
 // Thread-safety: thread-safe. Routes may be added and records read while requests are served; handlers
 // run on the server's connection threads (one per connection), possibly several at once.
 // Ownership: the destructor stops accepting, shuts down every open connection (idle keep-alive ones
-// included, so it never waits for a client), ends the trickles and joins all threads.
+// included, so it never waits for a client), ends the trickles and waits for every connection thread.
 #pragma once
 
 #include <httplib.h>
@@ -67,7 +67,7 @@ struct RecordedRequest {
   // order of arrival.
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
-  // Subject of the verified client certificate in RFC 2253 form ("CN=kx test client,O=kx test"), or empty.
+  // Subject of the verified client certificate (TestCertificates::kClientSubject), or empty.
   std::string clientCertificateSubject;
 
   // Header access by name, case-insensitively. header() gives the first value or "".
@@ -120,8 +120,6 @@ class LoopbackHttpServer {
   std::vector<RecordedRequest> requests() const;
   size_t requestCount() const;
   RecordedRequest lastRequest() const;  // a default RecordedRequest when none arrived
-  // Waits until at least count requests were recorded; false when the time-out passed first.
-  bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
   void clearRequests();
 
   // Connections accepted since the start (requests on one keep-alive connection count once).

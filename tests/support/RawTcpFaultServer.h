@@ -24,12 +24,12 @@
 // libcurl judges the low-speed rule on its average over the last 5 s, so after the partial response's
 // burst a limit of 1 byte/s fires only some 6 s later; a limit above the burst's rate (100) fires at once.
 //
-// "Request read" means: up to the blank line ending the head, the client's close, or 5 s, whichever
-// comes first (a TLS client never sends a blank line; it gets the misbehaviour after 5 s).
+// "Request read" means: up to the blank line ending the head or the client's close (a TLS client never
+// sends a blank line: it waits until the server goes).
 //
-// Thread-safety: thread-safe. One thread per connection.
-// Ownership: the destructor wakes every connection thread, closes all sockets and joins the threads at
-// once, stalled connections included.
+// Thread-safety: thread-safe. One thread serves the connections one at a time, in their order of arrival.
+// Ownership: the destructor wakes that thread, closes all sockets and joins it at once, a stalled
+// connection included.
 #pragma once
 
 #include <chrono>
@@ -64,7 +64,7 @@ class RawTcpFaultServer {
   uint16_t port() const;
   std::string url(std::string_view path) const;  // "http://127.0.0.1:<port>" + path
 
-  // The request head (up to its blank line) each connection sent, in the order of acceptance.
+  // The request head (up to its blank line) each connection sent, in the order of acceptance, once read.
   std::vector<std::string> requestHeads() const;
   // The request bodies read in kAnswerAfterBody (chunked ones without their framing).
   std::vector<std::string> requestBodies() const;

@@ -7,9 +7,8 @@
 //     client checking the host name of localhost must refuse it;
 //   - a client certificate ("kx test client", extended key usage clientAuth) signed by the CA.
 //
-// The client material is kept in memory (PEM texts, PKCS#12 bytes); the CA certificate and the servers'
-// certificates with their keys are files in a private temporary directory. Keys are EC P-256: they are
-// made in microseconds where RSA takes seconds.
+// The openssl command-line tool (Debian package openssl) makes them in a private temporary directory;
+// the client material is also kept in memory (PEM texts, PKCS#12 bytes). Keys are EC P-256.
 //
 //   const auto& pki = kx::test::TestCertificates::Shared();
 //   curl_easy_setopt(curl, CURLOPT_CAINFO, pki.caCertificatePath().c_str());
@@ -27,13 +26,15 @@ class TestCertificates {
  public:
   // Pass phrase of clientKeyEncryptedPem() and of clientP12().
   static constexpr const char* kPassphrase = "kx-test-pass phrase";
+  // Subject of the client certificate as the loopback server records it (X509_NAME_oneline's form).
+  static constexpr const char* kClientSubject = "/O=kx test/CN=kx test client";
 
-  // The instance of this process, made on first use. Aborts the test binary with a message when OpenSSL
-  // cannot build the material, as nothing TLS-related could run without it.
+  // The instance of this process, made on first use. Aborts the test binary with openssl's output when
+  // the material cannot be made, as nothing TLS-related could run without it.
   static const TestCertificates& Shared();
 
   // Makes a new set of keys and certificates in a new temporary directory (under $TMPDIR or /tmp);
-  // throws std::runtime_error when OpenSSL fails.
+  // throws std::runtime_error when that fails.
   TestCertificates();
   ~TestCertificates();
   TestCertificates(const TestCertificates&) = delete;
@@ -47,14 +48,11 @@ class TestCertificates {
   // DER PKCS#12 holding the client key, its certificate and the CA certificate, protected by kPassphrase.
   const std::string& clientP12() const { return clientP12_; }
 
-  // Subject of the client certificate as OpenSSL prints it in one line ("CN=kx test client,O=kx test").
-  static constexpr const char* kClientSubject = "CN=kx test client,O=kx test";
-
   // The CA certificate (PEM), for CURLOPT_CAINFO.
-  std::string caCertificatePath() const { return dir_ + "/ca.pem"; }
-  // A server's certificate followed by its key (PEM): "localhost" or "wrong-name.invalid".
-  std::string serverPath() const { return dir_ + "/server.pem"; }
-  std::string wrongNamePath() const { return dir_ + "/wrong-name.pem"; }
+  std::string caCertificatePath() const { return path("ca.pem"); }
+  // A file of the directory: "<name>.crt" and "<name>.key" (PEM) for the servers "localhost" and
+  // "wrong-name" and for the client.
+  std::string path(const std::string& file) const { return dir_ + "/" + file; }
 
  private:
   std::string dir_;

@@ -11,8 +11,8 @@
 //   EXPECT_EQ(server.lastRequest().header(kx::test::TinyProxy::kMarkerHeader), kx::test::TinyProxy::kMarkerValue);
 //
 // Thread-safety: thread-compatible; the proxy itself serves any number of client threads.
-// Ownership: the destructor ends the process (SIGTERM, then SIGKILL after 5 s), reaps it and removes the
-// temporary directory with its configuration and log.
+// Ownership: the destructor kills the process, reaps it and removes the temporary directory with its
+// configuration and log.
 #pragma once
 
 #include <cstdint>
@@ -35,12 +35,12 @@ class TinyProxy {
 
   // False when tinyproxy is not installed; tests then skip with skipReason().
   bool isAvailable() const { return available_; }
-  std::string skipReason() const;
+  std::string skipReason() const { return std::string(kExecutable) + " is not installed; proxy tests are skipped"; }
 
   bool isRunning() const { return pid_ > 0; }
   const std::string& startError() const { return error_; }
 
-  std::string url() const;  // "http://127.0.0.1:<port>"
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
   // tinyproxy's log (connections, requests), for a failure message.
   std::string log() const;
@@ -53,7 +53,6 @@ class TinyProxy {
   std::string dir_;
   std::string error_;
   int pid_ = -1;
-  int pidFd_ = -1;
   uint16_t port_ = 0;
 };
 
