@@ -16,6 +16,7 @@
 #include <utf8.h>
 
 #include <charconv>
+#include <cstring>
 #include <iterator>
 #include <string_view>
 
@@ -89,6 +90,24 @@ enum Role : unsigned char {
 
 // Bytes that end the fast run through a string: the quote, the backslash.
 constexpr bool IsStringSpecial(unsigned char c) { return c == '"' || c == '\\'; }
+
+// The first quote or backslash at or after `i`, or `size`. Eight bytes at a time: a byte equal to the
+// one sought becomes zero after the XOR, and the classic zero-byte test marks it; borrows can only mark
+// bytes above a real match, so the lowest mark is exact.
+size_t FindStringSpecial(const char* data, size_t i, size_t size) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHighs = 0x8080808080808080ULL;
+  for (; i + 8 <= size; i += 8) {
+    uint64_t word;
+    std::memcpy(&word, data + i, 8);
+    const uint64_t quote = word ^ (kOnes * '"');
+    const uint64_t backslash = word ^ (kOnes * '\\');
+    const uint64_t marks = (((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash)) & kHighs;
+    if (marks != 0) return i + (static_cast<size_t>(__builtin_ctzll(marks)) >> 3);
+  }
+  while (i < size && !IsStringSpecial(static_cast<unsigned char>(data[i]))) ++i;
+  return i;
+}
 
 // Bytes a number or a literal (true, false, null) is made of.
 struct ScalarTable {
@@ -208,7 +227,7 @@ void SearchResultParserInterface::reset() {
   expect_ = kExpectRoot;
   token_ = kNoToken;
   escape_ = key_ = keepRole_ = captureRole_ = 0;
-  tokenIsKey_ = tsInThisSource_ = false;
+  tokenIsKey_ = tsInThisSource_ = stopped_ = false;
   keep_ = capture_ = nullptr;
   containerIsArray_.clear();
   value_.clear();
@@ -235,9 +254,15 @@ bool SearchResultParserInterface::finish(std::string* error) {
   return false;
 }
 
+bool SearchResultParserInterface::stop(std::string_view text) {
+  stopped_ = true;
+  setDeviceError(text);
+  return false;
+}
+
 bool SearchResultParserInterface::failEscape() {
   kxLog::log(kLogTypeError, "esresultparser", "json to utf8 conversion error");
-  setDeviceError("fail to parse json");
+  stop("fail to parse json");
   return false;
 }
 
@@ -283,6 +308,14 @@ size_t SearchResultParserInterface::writeBytes(const char* data, size_t size) {
           break;
         case '{':
         case '[':
+          if (context_ == kSkip && (expect_ == kExpectValue || expect_ == kExpectValueOrClose)) {
+            // Nested inside a skipped value: only the nesting counts.
+            containerIsArray_.push_back(c == '[');
+            ++(c == '[' ? arrayDepth_ : objectDepth_);
+            ++skipDepth_;
+            expect_ = c == '[' ? kExpectValueOrClose : kExpectKeyOrClose;
+            break;
+          }
           ok = (expect_ == kExpectValue || expect_ == kExpectValueOrClose || expect_ == kExpectRoot) &&
                beginValue(c, i);
           break;
@@ -303,28 +336,66 @@ size_t SearchResultParserInterface::writeBytes(const char* data, size_t size) {
           ok = expect_ == kExpectCommaOrClose;
           expect_ = containerIsArray_.empty() || containerIsArray_.back() ? kExpectValue : kExpectKey;
           break;
-        case '"':
-          if (expect_ == kExpectKeyOrClose || expect_ == kExpectKey) {
-            token_ = kString;
-            tokenIsKey_ = true;
-            keep_ = context_ == kSkip || context_ == kHitList ? nullptr : &keyText_;
-            keyText_.clear();
-            keepFrom_ = i + 1;
-          } else {
-            ok = (expect_ == kExpectValue || expect_ == kExpectValueOrClose) && beginValue(c, i);
+        case '"': {
+          const bool isKey = expect_ == kExpectKeyOrClose || expect_ == kExpectKey;
+          if (!isKey && expect_ != kExpectValue && expect_ != kExpectValueOrClose) {
+            ok = false;
+            break;
           }
+          const bool skipped = context_ == kSkip || (!isKey && RoleOf(context_, key_) == kSkipped);
+          if (!isKey && !skipped) {
+            ok = beginValue(c, i);
+            break;
+          }
+          // Keys and skipped strings: a string that closes in this piece without an escape is read in
+          // place, a key compared where it stands.
+          const size_t end = FindStringSpecial(data, i + 1, size);
+          if (end < size && data[end] == '"') {
+            key_ = isKey && !skipped ? KeyOf(context_, std::string_view(data + i + 1, end - i - 1)) : kOtherKey;
+            expect_ = isKey ? kExpectColon : kExpectCommaOrClose;
+            i = end;
+            break;
+          }
+          token_ = kString;
+          tokenIsKey_ = isKey;
+          keep_ = isKey && !skipped ? &keyText_ : nullptr;
+          keyText_.clear();
+          keepRole_ = kSkipped;
+          key_ = kOtherKey;
+          keepFrom_ = i + 1;
+          i = end - 1;  // the string resumes at its first escape or with the next piece
           break;
-        default:
-          ok = (c == '-' || (c >= '0' && c <= '9') || c == 't' || c == 'f' || c == 'n') &&
-               (expect_ == kExpectValue || expect_ == kExpectValueOrClose) && beginValue(c, i);
+        }
+        default: {
+          if (!(c == '-' || (c >= '0' && c <= '9') || c == 't' || c == 'f' || c == 'n') ||
+              (expect_ != kExpectValue && expect_ != kExpectValueOrClose)) {
+            ok = false;
+            break;
+          }
+          if (context_ != kSkip && RoleOf(context_, key_) != kSkipped) {
+            ok = beginValue(c, i);
+            break;
+          }
+          key_ = kOtherKey;
+          size_t end = i + 1;
+          while (end < size && kScalarBytes.byte[static_cast<unsigned char>(data[end])]) ++end;
+          if (end < size) {
+            expect_ = kExpectCommaOrClose;  // the byte after the scalar is read next
+          } else {
+            token_ = kScalar;
+            keep_ = nullptr;
+            keepRole_ = kSkipped;
+          }
+          i = end - 1;
           break;
+        }
       }
       if (!ok) {
-        setDeviceError("fail to parse json");
+        stop("fail to parse json");
       }
       ++i;
     }
-    if (hasDeviceError()) {
+    if (stopped_) {
       keep_ = capture_ = nullptr;
       return i;
     }
@@ -351,7 +422,7 @@ bool SearchResultParserInterface::beginValue(char kind, size_t i) {
     case kHitArray:
     case kHitObject:
       if (kind != (role == kHitArray ? '[' : '{')) {
-        setDeviceError("unexpected hit tag count");
+        stop("unexpected hit tag count");
         return false;
       }
       next = role == kHitsObject ? kHits : role == kHitArray ? kHitList : kHit;
@@ -384,7 +455,7 @@ bool SearchResultParserInterface::beginValue(char kind, size_t i) {
       [[fallthrough]];
     default:  // a kept string or scalar
       if (isContainer) {
-        setDeviceError("unexpected read raw data");
+        stop("unexpected read raw data");
         return false;
       }
       keep = role == kScrollId ? &scrollId_ : role == kId ? &id_ : role == kType ? &type_
@@ -394,7 +465,7 @@ bool SearchResultParserInterface::beginValue(char kind, size_t i) {
   }
   if (capture != nullptr) {
     if (isContainer && role == kScore) {
-      setDeviceError("unexpected read raw data");
+      stop("unexpected read raw data");
       return false;
     }
     capture_ = capture;
@@ -479,7 +550,7 @@ bool SearchResultParserInterface::endToken(const char* data, size_t end) {
     if (end > captureFrom_) capture_->append(data + captureFrom_, end - captureFrom_);
     capture_ = nullptr;
     if (captureRole_ == kError) {
-      setDeviceError("Receive an error msg " + errorText_);
+      stop("Receive an error msg " + errorText_);
       return false;
     }
   }
@@ -493,16 +564,16 @@ bool SearchResultParserInterface::finishKept() {
     case kTotalCount: {
       const int converted = ToInt64(value_, number);
       if (converted == 1) {
-        setDeviceError(value_.empty() ? std::string("Fail to parse hits/total")
+        stop(value_.empty() ? std::string("Fail to parse hits/total")
                                       : "Fail to parse hits/total " + value_);
         return false;
       }
       if (converted == 2) {
-        setDeviceError("Fail to parse hits/total, not all bytes were consumed " + value_);
+        stop("Fail to parse hits/total, not all bytes were consumed " + value_);
         return false;
       }
       if (total_ != -1) {
-        setDeviceError("unexpected hit count");
+        stop("unexpected hit count");
         return false;
       }
       total_ = number;
@@ -515,15 +586,15 @@ bool SearchResultParserInterface::finishKept() {
     case kTs: {
       const int converted = ToInt64(value_, number);
       if (converted == 1) {
-        setDeviceError(value_.empty() ? std::string("Fail to parse 'ts'") : "Fail to parse 'ts' " + value_);
+        stop(value_.empty() ? std::string("Fail to parse 'ts'") : "Fail to parse 'ts' " + value_);
         return false;
       }
       if (converted == 2) {
-        setDeviceError("Fail to parse 'ts', not all bytes were consumed " + value_);
+        stop("Fail to parse 'ts', not all bytes were consumed " + value_);
         return false;
       }
       if (hasTimestamp_) {
-        setDeviceError(tsInThisSource_ ? "Encounter two 'ts' entries" : "'ts' value was already parsed");
+        stop(tsInThisSource_ ? "Encounter two 'ts' entries" : "'ts' value was already parsed");
         return false;
       }
       hasTimestamp_ = true;
@@ -543,7 +614,7 @@ size_t SearchResultParserInterface::scanString(const char* data, size_t size, si
         failEscape();
         return i;
       }
-      while (i < size && !IsStringSpecial(static_cast<unsigned char>(data[i]))) ++i;
+      i = FindStringSpecial(data, i, size);
       if (i == size) return i;
       if (data[i] == '"') {
         ++i;

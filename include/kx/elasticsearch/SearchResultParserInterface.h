@@ -52,6 +52,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kx {
@@ -102,6 +103,7 @@ class KX_EXPORT SearchResultParserInterface : public kxIoDevice {
   bool finishKept();
   bool appendCodeUnit(uint32_t unit);
   bool failEscape();
+  bool stop(std::string_view text);  // sets the device error and ends the scan
   void flushSpans(const char* data, size_t end);
 
   // The scanner. Contexts, expectations, tokens and roles are small enumerations of the source file.
@@ -121,6 +123,7 @@ class KX_EXPORT SearchResultParserInterface : public kxIoDevice {
   unsigned char captureRole_ = 0;   // what the raw value being captured is
   bool tokenIsKey_ = false;
   bool tsInThisSource_ = false;
+  bool stopped_ = false;
   std::string* keep_ = nullptr;     // where the kept token's text goes (null: skipped)
   std::string* capture_ = nullptr;  // where the raw value's bytes go
   size_t keepFrom_ = 0;             // first byte of the current piece not yet kept
