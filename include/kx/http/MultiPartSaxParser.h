@@ -82,6 +82,8 @@ class KX_EXPORT MultiPartSaxParser : public kxIoDevice {
   MultiPartType getType() const { return type_; }
   const std::string& getPartName() const { return partName_; }
   const std::string& getPartFileName() const { return partFileName_; }
+  // The part's Content-Type value as written (parameters included); empty when it has none.
+  const std::string& getPartContentType() const { return partContentType_; }
   // The current part's values of a header (other than Content-Disposition), or null.
   const std::list<std::string>* getPartHeader(const std::string& name) const { return partHeaders_.find(name); }
   // True when nothing was written yet, or the closing boundary was seen: a body that stops anywhere
