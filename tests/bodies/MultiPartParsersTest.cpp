@@ -12,17 +12,24 @@ using kx::test::ParsedPart;
 using kx::test::Pieces;
 using namespace std::string_literals;
 
+// An empty error: the body was read to its closing boundary.
 struct BodyCase {
   std::string name, contentType, body;
   std::vector<ParsedPart> parts;
-  std::string iteratorError, saxError;  // empty: read to the closing boundary
+  std::string iteratorError, saxError;
 };
 
 const std::string kCt = "multipart/form-data; boundary=bnd";
 const std::string kPartA = "--bnd\r\nContent-Disposition: form-data; name=a\r\n\r\nx";
-const std::string kCurlBoundary = "------------------------2cce64e0b5ca3a20";
-const std::string kPyBoundary = "===============4866545210421785453==";
+const std::string kCurl = "------------------------2cce64e0b5ca3a20";
+const std::string kPython = "===============4866545210421785453==";
 const std::string kNearMisses = "\r\r\n-\r\n--\r\n--bn\r\n";
+
+// `text` with every '@' replaced by `boundary`.
+std::string Fill(std::string text, const std::string& boundary) {
+  for (size_t at; (at = text.find('@')) != std::string::npos;) text.replace(at, 1, boundary);
+  return text;
+}
 
 std::string Repeat(const std::string& text, size_t times) {
   std::string out;
@@ -31,30 +38,25 @@ std::string Repeat(const std::string& text, size_t times) {
 }
 
 const std::vector<BodyCase> kBodyCases = {
-    {"CurlForm", "multipart/form-data; boundary=" + kCurlBoundary,
-     "--" + kCurlBoundary + "\r\nContent-Disposition: form-data; name=\"name\"\r\n\r\nvalue\r\n--" + kCurlBoundary +
-         "\r\nContent-Disposition: form-data; name=\"meta\"\r\nContent-Type: application/json\r\n\r\n{\"a\":1}\r\n--" +
-         kCurlBoundary +
-         "\r\nContent-Disposition: form-data; name=\"up\"; filename=\"caf\xc3\xa9.bin\"\r\nContent-Type: "
-         "application/octet-stream\r\n\r\nA\r\n--x\xff\r\n--" +
-         kCurlBoundary + "\r\nContent-Disposition: form-data; name=\"h\"\r\nX-Extra: 1\r\n\r\nx\r\n--" +
-         kCurlBoundary + "--\r\n",
-     {{"name", "", "", "value"},
-      {"meta", "", "application/json", "{\"a\":1}"},
-      {"up", "caf\xc3\xa9.bin", "application/octet-stream", "A\r\n--x\xff"},
-      {"h", "", "", "x"}},
+    {"CurlForm", "multipart/form-data; boundary=" + kCurl,
+     Fill("--@\r\nContent-Disposition: form-data; name=\"name\"\r\n\r\nvalue\r\n--@\r\nContent-Disposition: "
+          "form-data; name=\"meta\"\r\nContent-Type: application/json\r\n\r\n{\"a\":1}\r\n--@\r\nContent-Disposition: "
+          "form-data; name=\"up\"; filename=\"caf\xc3\xa9.bin\"\r\nContent-Type: application/octet-stream\r\n\r\n"
+          "A\r\n--x\xff\r\n--@\r\nContent-Disposition: form-data; name=\"h\"\r\nX-Extra: 1\r\n\r\nx\r\n--@--\r\n",
+          kCurl),
+     {{"name", "", "", "value"}, {"meta", "", "application/json", "{\"a\":1}"},
+      {"up", "caf\xc3\xa9.bin", "application/octet-stream", "A\r\n--x\xff"}, {"h", "", "", "x"}},
      "", ""},
     {"Urllib3", "multipart/form-data; boundary=b0f3c1a2",
      "--b0f3c1a2\r\nContent-Disposition: form-data; name=\"field\"\r\n\r\nva;lue\r\n--b0f3c1a2\r\nContent-Disposition: "
      "form-data; name=\"file\"; filename=\"r\xc3\xa9sum\xc3\xa9.txt\"\r\nContent-Type: text/plain\r\n\r\na\r\n--b\r\n"
      "--b0f3c1a2--\r\n",
-     {{"field", "", "", "va;lue"}, {"file", "r\xc3\xa9sum\xc3\xa9.txt", "text/plain", "a\r\n--b"}},
-     "", ""},
-    {"PythonMixedQuotedBoundary", "multipart/mixed; boundary=\"" + kPyBoundary + "\"",
-     "--" + kPyBoundary + "\r\nContent-Type: text/plain; charset=\"us-ascii\"\r\nMIME-Version: 1.0\r\n"
-     "Content-Transfer-Encoding: 7bit\r\n\r\nhello\r\n\r\n--" + kPyBoundary +
-         "\r\nContent-Type: application/octet-stream\r\nMIME-Version: 1.0\r\nContent-Transfer-Encoding: "
-         "base64\r\n\r\nAA0KLS3/\r\n\r\n--" + kPyBoundary + "--\r\n",
+     {{"field", "", "", "va;lue"}, {"file", "r\xc3\xa9sum\xc3\xa9.txt", "text/plain", "a\r\n--b"}}, "", ""},
+    {"PythonMixedQuotedBoundary", "multipart/mixed; boundary=\"" + kPython + "\"",
+     Fill("--@\r\nContent-Type: text/plain; charset=\"us-ascii\"\r\nMIME-Version: 1.0\r\nContent-Transfer-Encoding: "
+          "7bit\r\n\r\nhello\r\n\r\n--@\r\nContent-Type: application/octet-stream\r\nMIME-Version: 1.0\r\n"
+          "Content-Transfer-Encoding: base64\r\n\r\nAA0KLS3/\r\n\r\n--@--\r\n",
+          kPython),
      {{"", "", "text/plain; charset=\"us-ascii\"", "hello\r\n"}, {"", "", "application/octet-stream", "AA0KLS3/\r\n"}},
      "name is empty, part #0", ""},
     {"PythonPreamble", "multipart/mixed; boundary=\"===============0123456789==\"",

@@ -24,32 +24,19 @@ struct ParsedPart {
   bool operator==(const ParsedPart&) const = default;
 };
 
-struct ParseOutcome {
-  std::vector<ParsedPart> parts;
-  std::string error;
-};
+struct ParseOutcome { std::vector<ParsedPart> parts; std::string error; };
 
 enum class Pieces { kWhole, kBytes, kRandom };
 
-// Piece sizes for one body; random pieces (0 to 700 bytes, 0 being "nothing now") repeat run to run.
-class PieceSizes {
- public:
-  explicit PieceSizes(Pieces pieces) : pieces_(pieces) {}
-  size_t next() {
-    if (pieces_ == Pieces::kWhole) return SIZE_MAX;
-    return pieces_ == Pieces::kBytes ? 1 : std::uniform_int_distribution<size_t>(0, 700)(random_);
-  }
-
- private:
-  Pieces pieces_;
-  std::mt19937 random_{20261123};
-};
-
+// Hands out a body in pieces; random ones (0 to 700 bytes, 0 being "nothing now") repeat run to run.
 class PieceSource final : public kxIoDevice {
  public:
-  PieceSource(std::string_view body, Pieces pieces) : kxIoDevice(DW_Read), body_(body), sizes_(pieces) {}
+  PieceSource(std::string_view body, Pieces pieces) : kxIoDevice(DW_Read), body_(body), pieces_(pieces) {}
   size_t readBytes(char* buffer, size_t size) override {
-    const size_t n = std::min({size, body_.size() - at_, sizes_.next()});
+    const size_t piece = pieces_ == Pieces::kWhole ? size
+                         : pieces_ == Pieces::kBytes ? 1
+                                                     : std::uniform_int_distribution<size_t>(0, 700)(random_);
+    const size_t n = std::min({size, body_.size() - at_, piece});
     std::memcpy(buffer, body_.data() + at_, n);
     at_ += n;
     return n;
@@ -59,7 +46,8 @@ class PieceSource final : public kxIoDevice {
  private:
   std::string_view body_;
   size_t at_ = 0;
-  PieceSizes sizes_;
+  Pieces pieces_;
+  std::mt19937 random_{20261123};
 };
 
 inline ParseOutcome RunIterator(const std::list<std::string>& contentType, std::string_view body, Pieces pieces,
@@ -102,11 +90,11 @@ inline ParseOutcome RunSax(const std::list<std::string>& contentType, std::strin
   for (const std::string& value : contentType) headers.addHeaderValue("Content-Type", value);
   std::vector<char> work;
   SaxCollector parser(headers, work);
-  PieceSizes sizes(pieces);
-  for (size_t at = 0; at < body.size();) {
-    const size_t n = std::min(body.size() - at, sizes.next());
-    if (n > 0 && parser.write(body.data() + at, n) != n) break;
-    at += n;
+  PieceSource input(body, pieces);
+  std::vector<char> piece(body.size() + 1);
+  while (!input.atEnd()) {
+    const size_t n = input.read(piece.data(), piece.size());
+    if (n > 0 && parser.write(piece.data(), n) != n) break;
   }
   if (type != nullptr) *type = parser.getType();
   if (parser.hasDeviceError()) return {parser.parts, parser.getDeviceErrorMsg()};
