@@ -18,6 +18,7 @@ struct BodyCase {
   std::vector<ParsedPart> parts;
   std::string iteratorError, saxError;
 };
+void PrintTo(const BodyCase& row, std::ostream* out) { *out << row.name; }
 
 const std::string kCt = "multipart/form-data; boundary=bnd";
 const std::string kPartA = "--bnd\r\nContent-Disposition: form-data; name=a\r\n\r\nx";
@@ -128,6 +129,7 @@ struct ContentTypeCase {
   std::string boundary, iteratorError, saxError;
   kx::http::MultiPartSaxParser::MultiPartType saxType;
 };
+void PrintTo(const ContentTypeCase& row, std::ostream* out) { *out << row.name; }
 
 const std::string kLong(256, 'b');
 const std::string kStart = "Content-Type should start with 'multipart/form-data; boundary=' or 'multipart/mixed; "
