@@ -396,6 +396,9 @@ size_t SearchResultParserInterface::writeBytes(const char* data, size_t size) {
       ++i;
     }
     if (stopped_) {
+      // An error value cut short by a failure is no error text: what of it was read depends on where
+      // the pieces ended.
+      if (capture_ == &errorText_) errorText_.clear();
       keep_ = capture_ = nullptr;
       return i;
     }
