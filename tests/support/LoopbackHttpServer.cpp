@@ -364,6 +364,10 @@ LoopbackHttpServer& LoopbackHttpServer::Get(const std::string& pattern, Handler 
   impl_->addRoute("GET", pattern, std::move(handler));
   return *this;
 }
+LoopbackHttpServer& LoopbackHttpServer::Post(const std::string& pattern, Handler handler) {
+  impl_->addRoute("POST", pattern, std::move(handler));
+  return *this;
+}
 
 std::vector<RecordedRequest> LoopbackHttpServer::requests() const {
   std::lock_guard<std::mutex> lock(impl_->recordMutex_);

@@ -112,6 +112,8 @@ class LoopbackHttpServer {
   // A GET (and HEAD) route: pattern is a std::regex matched against the whole decoded path; capture
   // groups are in req.matches. The newest registration for a path wins.
   LoopbackHttpServer& Get(const std::string& pattern, Handler handler);
+  // A POST route, matched as Get's; the request body is in req.body.
+  LoopbackHttpServer& Post(const std::string& pattern, Handler handler);
 
   // Requests in arrival order. A request is recorded before its handler runs, so it is visible as soon as
   // the server has read it, even while its handler is still running.
