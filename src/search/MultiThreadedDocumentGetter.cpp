@@ -111,8 +111,9 @@ class MultiThreadedDocumentGetterWorker final : public kxThread {
   bool stop = false;
 
   void onHit(const std::string& id, const std::string& source) {
-    // Each identifier is reported once: a second hit for it, or one the batch never asked for, would
-    // report a job twice or one that was never queued.
+    // Each identifier is reported once. A search over an index pattern returns an id once per index
+    // that holds it, and a hit the batch never asked for belongs to no job: reporting either would
+    // break the one-callback-per-job count that callers and the wait rely on.
     auto it = batch_.find(id);
     if (it == batch_.end() || it->second.reported) return;
     it->second.reported = true;
@@ -122,17 +123,13 @@ class MultiThreadedDocumentGetterWorker final : public kxThread {
 
  protected:
   void run() override {
-    void* threadData = nullptr;
     kxMutexLocker lock(getter_.mutex_);
-    if (getter_.threadStart_ != nullptr) {
-      Getter::ThreadFunction start = getter_.threadStart_;
-      void* userData = getter_.userData_;
-      lock.unlock();
-      start(getter_, userData, threadData);
-      lock.relock();
-    }
-    threadData_ = threadData;
+    const Getter::ThreadFunction start = getter_.threadStart_;
+    void* userData = getter_.userData_;
+    lock.unlock();
+    if (start != nullptr) start(getter_, userData, threadData_);
     http::HttpConnection connection;
+    lock.relock();
     for (;;) {
       // The previous batch is settled only now, once all its callbacks have returned, so a caller woken
       // by the count never sees a callback still running for one of its jobs.
@@ -149,8 +146,8 @@ class MultiThreadedDocumentGetterWorker final : public kxThread {
       fetch(connection);
       lock.relock();
     }
-    Getter::ThreadFunction end = getter_.threadEnd_;
-    void* userData = getter_.userData_;
+    const Getter::ThreadFunction end = getter_.threadEnd_;
+    userData = getter_.userData_;
     lock.unlock();
     if (end != nullptr) end(getter_, userData, threadData_);
   }
