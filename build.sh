@@ -64,13 +64,14 @@ cmd_sanitize() {
 
 cmd_tsan() {
   deps
-  log "ThreadSanitizer build of the concurrency-heavy suites (platform and transfers)"
+  log "ThreadSanitizer build of the concurrency-heavy suites (platform, transfers, document getter)"
   local dir="$ROOT/build-tsan"
   cmake -S "$ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKX_WARNINGS_AS_ERRORS=ON -DKX_TSAN=ON \
     -DKX_HEADER_CHECK=OFF -DKX_BUILD_EXAMPLES=OFF
-  cmake --build "$dir" -j "$JOBS" --target platform_tests core_tests
+  cmake --build "$dir" -j "$JOBS" --target platform_tests core_tests search_tests
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "$dir/tests/platform_tests" --gtest_brief=1
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "$dir/tests/core_tests" --gtest_brief=1
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "$dir/tests/search_tests" --gtest_brief=1
 }
 
 cmd_install_check() {
