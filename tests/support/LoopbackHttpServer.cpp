@@ -399,10 +399,6 @@ class LoopbackHttpServer::Impl final : public httplib::SSLServer {
     addRoute("GET", "/bytes/(\\d+)", [](const httplib::Request& req, httplib::Response& res) {
       res.set_content(PatternBytes(std::stoul(req.matches[1].str())), "application/octet-stream");
     });
-    addRoute("", "/response-headers", [](const httplib::Request& req, httplib::Response& res) {
-      for (const auto& [name, value] : req.params) res.set_header(name, value);
-      res.set_content("ok\n", "text/plain");
-    });
     addRoute("GET", "/slow", [this](const httplib::Request& req, httplib::Response& res) {
       auto interval = std::chrono::milliseconds(QueryNumber(req, "intervalMs", 100));
       // application/octet-stream: cpp-httplib never compresses it, so the pace is the wire's.

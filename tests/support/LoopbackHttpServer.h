@@ -22,8 +22,6 @@
 //                         "redirect chain end\n".
 //   /redirect-to?url=<u>  302 (or ?status=<code>) to the absolute or relative location u.
 //   /bytes/<n>            GET: n bytes of PatternBytes, application/octet-stream, with a Content-Length.
-//   /response-headers     200 "ok\n"; every query parameter becomes a response header (repeated names give
-//                         repeated headers, in query order).
 //   /slow                 GET: one byte of PatternBytes every ?intervalMs=<ms> (default 100) until
 //                         ?bytes=<total> (default 1000000) are sent, announced by a Content-Length. The
 //                         trickle stops when the client goes away or the server is destroyed.
