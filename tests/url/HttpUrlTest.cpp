@@ -91,13 +91,6 @@ TEST_P(HttpUrlMatchTest, AuthenticatorsMatchedOnceEachInAnyOrder) {
 INSTANTIATE_TEST_SUITE_P(HttpUrl, HttpUrlMatchTest, testing::ValuesIn(kMatchCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// operator== goes through the left operand's equalTo: a plain URL sees only URL fields.
-TEST(HttpUrlTest, EqualityDispatchesOnTheLeftOperand) {
-  EXPECT_FALSE(HttpUrl("https://h/p") == Url("https://h/p"));
-  EXPECT_TRUE(Url("https://h/p") == HttpUrl("https://h/p"));
-  EXPECT_FALSE(HttpUrl("https://h/p") == HttpUrl("https://h/q"));
-}
-
 TEST(HttpUrlTest, CopyClonesAuthenticatorsAssignmentAndClearReleaseThem) {
   TokenAuthenticator::live = 0;
   auto policies = std::make_shared<const HttpPolicies>();
