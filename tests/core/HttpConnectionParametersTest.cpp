@@ -1,6 +1,6 @@
 // HttpConnectionParameters and the policies it applies, observed through real transfers against the
 // loopback servers: redirects, TLS verification (with the 127.0.0.1 exemption), client certificates,
-// proxies, cookies and compression.
+// proxies.
 #include <gtest/gtest.h>
 
 #include <kx/http/HttpConnectionParameters.h>
@@ -162,34 +162,6 @@ TEST_F(HttpConnectionParametersTest, ProxyPolicies) {
     EXPECT_TRUE(call.run(fresh, WithPolicies(server.url("/echo"), *policies))) << fresh.getLastErrorMsg();
     EXPECT_EQ(proxy.requestCount(), viaProxy ? 1u : 0u);
     EXPECT_EQ(server.requestCount(), viaProxy ? 0u : 1u);
-  }
-}
-
-TEST_F(HttpConnectionParametersTest, CookiesAndCompressionFollowTheirSwitches) {
-  LoopbackHttpServer server;
-  server.Get("/set-cookie", [](const httplib::Request&, httplib::Response& res) {
-    res.set_header("Set-Cookie", "kx=1; Path=/");
-    res.set_content("set\n", "text/plain");
-  });
-  for (bool enabled : {true, false}) {
-    SCOPED_TRACE(enabled);
-    HttpConnection fresh;
-    fresh.editConnectionParameters().enableCookies = enabled;
-    fresh.editConnectionParameters().acceptEncoding = enabled;
-    ASSERT_TRUE(call.run(fresh, server.url("/set-cookie"))) << fresh.getLastErrorMsg();
-    // Twice: the jar must survive every reset of the handle, not just the first.
-    for (int i = 0; i < 2; ++i) {
-      ASSERT_TRUE(call.run(fresh, server.url("/echo"))) << fresh.getLastErrorMsg();
-      EXPECT_EQ(server.lastRequest().header("Cookie"), enabled ? "kx=1" : "");
-      EXPECT_EQ(server.lastRequest().hasHeader("Accept-Encoding"), enabled);
-    }
-  }
-  // Switching cookies off on a connection drops its jar: switched on again, it starts empty.
-  ASSERT_TRUE(call.run(connection, server.url("/set-cookie"))) << connection.getLastErrorMsg();
-  for (bool enabled : {false, true}) {
-    connection.editConnectionParameters().enableCookies = enabled;
-    ASSERT_TRUE(call.run(connection, server.url("/echo"))) << connection.getLastErrorMsg();
-    EXPECT_EQ(server.lastRequest().header("Cookie"), "");
   }
 }
 

@@ -134,26 +134,6 @@ TEST(HttpUrlTest, NullAuthenticatorsAreNeverStoredAndSelfAddDoublesOnce) {
   EXPECT_TRUE(url.getAuthenticators().empty());
 }
 
-TEST(HttpUrlTest, NullPoliciesDifferFromExplicitDefaultEqualOnes) {
-  HttpUrl none("https://h/");
-  HttpUrl explicitDefaults("https://h/");
-  explicitDefaults.setPolicies(std::make_shared<const HttpPolicies>());
-  EXPECT_FALSE(none == explicitDefaults);
-  EXPECT_FALSE(explicitDefaults == none);
-
-  auto ipv6 = std::make_shared<HttpPolicies>();
-  ipv6->setHostNameResolutionPolicy(HNRP_PreferIpv6);
-  HttpUrl otherObject("https://h/");
-  otherObject.setPolicies(ipv6);  // a different object, equal but for the ignored resolution policy
-  EXPECT_TRUE(explicitDefaults == otherObject);
-  auto noVerify = std::make_shared<HttpPolicies>();
-  noVerify->setSSLValidatePolicy(SVP_NoVerify);
-  otherObject.editPolicies() = noVerify;
-  EXPECT_FALSE(explicitDefaults == otherObject);
-  otherObject.editPolicies().reset();
-  EXPECT_TRUE(none == otherObject);
-}
-
 struct DisplayCase {
   const char* name;
   std::function<void(HttpPolicies&)> urlPolicies;  // null: the URL holds no policies
