@@ -31,14 +31,13 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 
-// Adds one header, or fails with a fixed text.
+// Fails with a fixed text.
 struct TestAuthenticator : kx::http::HttpAuthenticatorInterface {
   explicit TestAuthenticator(std::string text) : error(std::move(text)) {}
   bool equalTo(const HttpAuthenticatorInterface&) const override { return false; }
-  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders& headers, std::string& out) override {
-    if (error.empty()) headers.addHeaderValue("X-Order", "authenticator");
+  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders&, std::string& out) override {
     out = error;
-    return error.empty();
+    return false;
   }
   std::unique_ptr<HttpAuthenticatorInterface> cloneAuthenticator() override {
     return std::make_unique<TestAuthenticator>(error);
@@ -235,22 +234,6 @@ TEST_F(HttpConnectionRetryTest, OnlyOneRetryWithAnyFamilyAndOnlyUnderAPreference
   EXPECT_FALSE(call.run(fresh, Url(url, kx::http::HNRP_Whatever)));
   EXPECT_EQ(call.calls, 1);
   EXPECT_EQ(server.requestCount(), 1u);
-}
-
-TEST_F(HttpConnectionRetryTest, CertificateProblemRetriesNamesButNotAddresses) {
-  LoopbackHttpServer secure({.tls = kx::test::LoopbackHttpServerOptions::Tls::kOn});
-  const std::string garbage = "not a certificate";
-  HttpPolicies badCertificate;
-  ASSERT_TRUE(badCertificate.setClientCertificatePolicyBlobPEM(garbage.data(), garbage.size(), garbage.data(),
-                                                               garbage.size(), ""));
-  EXPECT_FALSE(call.run(connection, Url(secure.url("/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
-  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM);
-  EXPECT_EQ(call.calls, 1) << "127.0.0.1 has no other family to try";
-  // curl consults the resolver-start callback even for an address literal, so it is only set up now.
-  script(secure, {1, 2});
-  EXPECT_FALSE(call.run(connection, Url(secure.urlWithHost(kHost, "/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
-  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM) << connection.getLastErrorMsg();
-  EXPECT_EQ(call.calls, 2);
 }
 
 }  // namespace
