@@ -1,32 +1,22 @@
 // HttpConnectionPool against the loopback server: what is pooled and what is closed, the order of
-// reuse, generations, expiry under an injected clock, capacity, registration with the updater, and
-// eight threads leasing through one pool.
+// reuse, generations, expiry under an injected clock, capacity, and eight threads leasing through one pool.
 #include <gtest/gtest.h>
 
-#include <kx/Corvix.h>
 #include <kx/http/HttpConnection.h>
 #include <kx/http/HttpConnectionLocker.h>
 #include <kx/http/HttpConnectionParameters.h>
 #include <kx/http/HttpConnectionPool.h>
 #include <kx/http/HttpHelpers.h>
 #include <kx/http/HttpUrl.h>
-#include <kx/system/kxThreadPeriodicalUpdater.h>
 
 #include "core/ConnectionTestCall.h"
 #include "core/HttpConnectionAccess.h"
-#include "core/LibraryState.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <limits>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -118,42 +108,6 @@ TEST_F(HttpConnectionPoolTest, CapacityTrimsTheOldestIdleConnections) {
   EXPECT_EQ(pool.getMaxConcurrentConnection(), 5u);
 }
 
-// Client sockets to 127.0.0.1:port that the server has closed and this side has not (CLOSE_WAIT).
-size_t CloseWaitSocketsTo(uint16_t port) {
-  std::ifstream table("/proc/net/tcp");
-  std::string line;
-  std::getline(table, line);  // column titles
-  size_t count = 0;
-  char remote[32];
-  unsigned state = 0;
-  while (std::getline(table, line)) {
-    if (std::sscanf(line.c_str(), "%*s %*s %31s %x", remote, &state) == 2 && state == 0x08 &&
-        std::strncmp(remote, "0100007F:", 9) == 0 && std::strtoul(remote + 9, nullptr, 16) == port)
-      ++count;
-  }
-  return count;
-}
-
-TEST_F(HttpConnectionPoolTest, IdleConnectionClosedByTheServerIsDiscardedAtLeaseTime) {
-  LoopbackHttpServer closing({.keepAliveTimeout = std::chrono::seconds(1)});
-  auto first = pool.getHttpConnection("127.0.0.1", closing.port());
-  ASSERT_TRUE(Get(*first.first, closing));
-  pool.releaseHttpConnection(first);
-  ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (CloseWaitSocketsTo(closing.port()) == 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_EQ(CloseWaitSocketsTo(closing.port()), 1u) << "the server did not close the idle connection";
-
-  auto lease = pool.getHttpConnection("127.0.0.1", closing.port());
-  EXPECT_EQ(CloseWaitSocketsTo(closing.port()), 0u) << "the dead connection was not closed";
-  EXPECT_FALSE(Access::HasCurlHandle(*lease.first)) << "the dead connection was handed out";
-  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
-  ASSERT_TRUE(Get(*lease.first, closing));
-  EXPECT_EQ(closing.acceptedConnections(), 2u);
-  pool.releaseHttpConnection(lease);
-}
-
 TEST_F(HttpConnectionPoolTest, ReleaseAllClosesIdleAndRefusesEarlierLeases) {
   pool.releaseHttpConnection(LeaseAndUse());
   auto early = LeaseAndUse();
@@ -202,45 +156,6 @@ TEST_F(HttpConnectionPoolTest, ExpiresStrictlyAfterKeepOpenDuration) {
     EXPECT_EQ(pool.getIdleConnectionCount(), c.idleAfter);
     pool.releaseAllConnections();
   }
-}
-
-// The library's updater trims this pool, only its expired entries; a pool that dies before the next pass
-// must be gone from the updater (ASan would see the pass touch freed memory otherwise).
-TEST_F(HttpConnectionPoolTest, PeriodicalUpdaterTrimsRegisteredPoolsOnly) {
-  kx::kxThreadPeriodicalUpdater* updater = kx::detail::GetPeriodicalUpdater();
-  ASSERT_NE(updater, nullptr);
-  {
-    HttpConnectionPool shortLived;
-    shortLived.releaseHttpConnection(LeaseAndUse());
-  }
-  Access::SetTimeSource(pool, &FakeNow);
-  g_fakeNow = 2'000'000;
-  auto older = LeaseAndUse(), newer = LeaseAndUse();
-  pool.releaseHttpConnection(older);
-  g_fakeNow = 2'010'000;
-  pool.releaseHttpConnection(newer);
-  ASSERT_TRUE(updater->runNowAndWait(10000));
-  EXPECT_EQ(pool.getIdleConnectionCount(), 2u);
-  g_fakeNow = 2'030'001;  // older idle 30 001 ms, newer 20 001 ms
-  ASSERT_TRUE(updater->runNowAndWait(10000));
-  ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
-  auto left = pool.getHttpConnection("127.0.0.1", server.port());
-  EXPECT_EQ(left.first, newer.first);
-  pool.releaseHttpConnection(left);
-}
-
-// Outside initializeCorvix/terminateCorvix there is no updater: creating and destroying a pool there
-// does nothing with it, whichever side of the window each end falls on.
-TEST(HttpConnectionPoolLifetimeTest, PoolsOutsideTheInitialisedWindowWork) {
-  ASSERT_EQ(kx::detail::GetPeriodicalUpdater(), nullptr);
-  auto bornBefore = std::make_unique<HttpConnectionPool>();
-  ASSERT_TRUE(kx::initializeCorvix("kx-pool-lifetime"));
-  auto bornInside = std::make_unique<HttpConnectionPool>();
-  bornBefore.reset();  // removes a callback it never registered
-  ASSERT_TRUE(kx::detail::GetPeriodicalUpdater()->runNowAndWait(10000));
-  kx::terminateCorvix();
-  bornInside.reset();  // the updater it registered with is gone
-  EXPECT_EQ(kx::detail::GetPeriodicalUpdater(), nullptr);
 }
 
 // Under load: 8 threads, each leasing a connection per request through HttpConnectionLocker for a

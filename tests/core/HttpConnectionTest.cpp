@@ -1,6 +1,5 @@
-// HttpConnection::getHttpData against the loopback servers: what the server receives, the status and
-// content-type checks, the failures before any transfer, keep-alive reuse, the error report with its
-// sections, trace and history, and the single retry with any address family.
+// HttpConnection::getHttpData against the loopback servers: the status and content-type checks, the
+// failures before any transfer, the error report with its sections, trace and history, and the single retry with any address family.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +10,6 @@
 
 #include "core/ConnectionTestCall.h"
 #include "core/HttpConnectionAccess.h"
-#include "support/CorvixTestEnvironment.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
 
@@ -33,14 +31,13 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 
-// Adds one header, or fails with a fixed text.
+// Fails with a fixed text.
 struct TestAuthenticator : kx::http::HttpAuthenticatorInterface {
   explicit TestAuthenticator(std::string text) : error(std::move(text)) {}
   bool equalTo(const HttpAuthenticatorInterface&) const override { return false; }
-  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders& headers, std::string& out) override {
-    if (error.empty()) headers.addHeaderValue("X-Order", "authenticator");
+  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders&, std::string& out) override {
     out = error;
-    return error.empty();
+    return false;
   }
   std::unique_ptr<HttpAuthenticatorInterface> cloneAuthenticator() override {
     return std::make_unique<TestAuthenticator>(error);
@@ -59,23 +56,6 @@ class HttpConnectionTest : public testing::Test {
   HttpConnection connection;
   ConnectionTestCall call;
 };
-
-TEST_F(HttpConnectionTest, SendsDefaultThenCommonThenRequestHeaders) {
-  kx::test::LogCapture quiet(false);
-  kx::EditDefaultHttpHeaders().addHeaderValue("X-Order", "default");  // the environment resets the defaults
-  connection.editCommonHeaders().addHeaderValues("X-Order", std::vector<std::string>{"common1", "common2"});
-  HttpUrl url(server.url("/echo"));
-  url.addAuthenticator(std::make_unique<TestAuthenticator>(""));
-  call.onCall = [](CURL*, HttpHeaders& headers, int) { return headers.addHeaderValue("X-Order", "callback"), 0; };
-  ASSERT_TRUE(call.run(connection, url)) << connection.getLastErrorMsg();
-  const auto request = server.lastRequest();
-  EXPECT_EQ(request.headerValues("X-Order"),
-            (std::vector<std::string>{"default", "common1", "common2", "authenticator", "callback"}));
-  EXPECT_EQ(request.header("Connection"), "Keep-Alive");
-  EXPECT_EQ(request.header("User-Agent"), kx::test::CorvixTestEnvironment::kUserAgent);
-  EXPECT_FALSE(request.hasHeader("X-Request-ID")) << "ids are only sent with the log verbose";
-  EXPECT_EQ(connection.getLastRequestId(), "");
-}
 
 TEST_F(HttpConnectionTest, StatusAndContentTypeChecks) {
   const std::string url = server.url("/status/404");
@@ -131,23 +111,6 @@ TEST(HttpConnectionUninitializedTest, RefusesToCreateAHandle) {
   EXPECT_EQ(connection.getLastErrorMsg(), "HttpConnection error : Corvix library not initialized.");
   EXPECT_TRUE(log.contains("Corvix library not initialized."));
   EXPECT_EQ(call.calls, 0);
-}
-
-TEST_F(HttpConnectionTest, KeepAliveReusesTheSocketAndCountsItsUses) {
-  HttpConnection tracked(true);
-  std::vector<uint64_t> socketUses;
-  for (int i = 0; i < 4; ++i) {
-    // Before the last call the server drops the idle socket: it reconnects, often on the same number.
-    if (i == 3) {
-      EXPECT_TRUE(tracked.isUnderlyingSockerValid());
-      server.closeConnections();
-    }
-    ASSERT_TRUE(call.run(tracked, server.url("/echo"))) << tracked.getLastErrorMsg();
-    socketUses.push_back(tracked.getSocketUseCount());
-  }
-  EXPECT_EQ(server.acceptedConnections(), 2u);
-  EXPECT_EQ(socketUses, (std::vector<uint64_t>{0, 1, 2, 0}));
-  EXPECT_EQ(tracked.getConnectionUseCount(), 4u);
 }
 
 // getLastErrorMsg: its sections and their order, the history line; no trace without the verbose log.
@@ -271,22 +234,6 @@ TEST_F(HttpConnectionRetryTest, OnlyOneRetryWithAnyFamilyAndOnlyUnderAPreference
   EXPECT_FALSE(call.run(fresh, Url(url, kx::http::HNRP_Whatever)));
   EXPECT_EQ(call.calls, 1);
   EXPECT_EQ(server.requestCount(), 1u);
-}
-
-TEST_F(HttpConnectionRetryTest, CertificateProblemRetriesNamesButNotAddresses) {
-  LoopbackHttpServer secure({.tls = kx::test::LoopbackHttpServerOptions::Tls::kOn});
-  const std::string garbage = "not a certificate";
-  HttpPolicies badCertificate;
-  ASSERT_TRUE(badCertificate.setClientCertificatePolicyBlobPEM(garbage.data(), garbage.size(), garbage.data(),
-                                                               garbage.size(), ""));
-  EXPECT_FALSE(call.run(connection, Url(secure.url("/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
-  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM);
-  EXPECT_EQ(call.calls, 1) << "127.0.0.1 has no other family to try";
-  // curl consults the resolver-start callback even for an address literal, so it is only set up now.
-  script(secure, {1, 2});
-  EXPECT_FALSE(call.run(connection, Url(secure.urlWithHost(kHost, "/echo"), kx::http::HNRP_PreferIpv4, badCertificate)));
-  EXPECT_EQ(Access::LastCurlCode(connection), CURLE_SSL_CERTPROBLEM) << connection.getLastErrorMsg();
-  EXPECT_EQ(call.calls, 2);
 }
 
 }  // namespace

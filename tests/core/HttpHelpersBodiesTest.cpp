@@ -118,14 +118,6 @@ TEST_P(HttpHelpersBodyCaseTest, ServerReceivesTheExactBodyAgainAfterA307) {
 INSTANTIATE_TEST_SUITE_P(Bodies, HttpHelpersBodyCaseTest, testing::ValuesIn(kBodyCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(HttpHelpersBodiesTest, RandomAccessDeviceIsSentFromItsPosition) {
-  kx::kxIoDeviceStringReadOnly device("skip-me|payload");
-  ASSERT_TRUE(device.seek(8));
-  ASSERT_TRUE(H::HttpPut(connection, HttpUrl(server.url("/echo/body")), device, 200, {}, {}, {}, {}));
-  EXPECT_EQ(server.lastRequest().body, "payload");
-  EXPECT_EQ(server.lastRequest().header("Content-Length"), "7");
-}
-
 // curl keeps a PUT, a DELETE or a GET with a body (its custom method) across a 301, 302 or 303 but drops
 // the body: the server at the new location would get the method with nothing. Such an answer ends the
 // call with its status instead. A POST becomes a GET there, as browsers do, and a 307 resends the body.

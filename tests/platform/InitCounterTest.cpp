@@ -1,5 +1,4 @@
 #include <kx/system/LibInitCounter.h>
-#include <kx/system/kxThirdPartyLibRegistry.h>
 
 #include <gtest/gtest.h>
 
@@ -28,17 +27,6 @@ TEST(LibInitCounterTest, ConcurrentUsersSeeExactlyOneFirstAndOneLast) {
   EXPECT_EQ(lasts, 1);
   EXPECT_EQ(counter.getInitCount(), 0);
   EXPECT_TRUE(counter.incrementInitCounter());  // the surplus did not steal the next "first"
-}
-
-TEST(ThirdPartyLibRegistryTest, RegistersUnregistersAndRefusesConflicts) {
-  const std::string name = "kxTestLibrary";
-  EXPECT_FALSE(kx::RegisterThirdPartyLibVersionInfo("", "1.0"));
-  EXPECT_TRUE(kx::RegisterThirdPartyLibVersionInfo(name, "1.2.3"));
-  EXPECT_TRUE(kx::RegisterThirdPartyLibVersionInfo(name, "1.2.3"));  // same entry again: harmless
-  EXPECT_FALSE(kx::RegisterThirdPartyLibVersionInfo(name, "2.0.0"));
-  EXPECT_EQ(kx::GetThirdPartyLibVersionInfo()[name], "1.2.3");  // the conflict did not overwrite
-  EXPECT_TRUE(kx::UnRegisterThirdPartyLibVersionInfo(name));
-  EXPECT_FALSE(kx::UnRegisterThirdPartyLibVersionInfo(name));
 }
 
 }  // namespace

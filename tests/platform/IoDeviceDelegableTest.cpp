@@ -1,4 +1,4 @@
-// Delegating devices: what they reflect of their delegate, their life cycle and hooks, and the byte
+// Delegating devices: their misuse texts, their life cycle and hooks, and the byte
 // counter built on them.
 #include <kx/system/kxIoDeviceByteCounter.h>
 #include <kx/system/kxIoDeviceDelegable.h>
@@ -27,34 +27,6 @@ class FramingDevice : public kxIoDeviceDelegable {
   bool endDelegationImpl() override { return calls += 'e', writeAllToDelegate(">", 1); }
   bool clearDelegationImpl() override { return calls += 'c', true; }
 };
-
-TEST(IoDeviceDelegableTest, ReflectsTheDelegatesEndAndErrorAndCountsWhatPasses) {
-  kxIoDeviceStringReadOnly source("abcdef");
-  kxIoDeviceByteCounter counter;
-  EXPECT_TRUE(counter.atEnd());  // nothing to read while not delegating
-  ASSERT_TRUE(counter.beginDelegation(&source, kxIoDevice::DW_Read));
-  char buffer[4];
-  EXPECT_EQ(counter.read(buffer, 4), 4u);
-  EXPECT_FALSE(counter.atEnd());
-  EXPECT_EQ(counter.read(buffer, 4), 2u);
-  EXPECT_TRUE(counter.atEnd());  // no empty read needed
-  EXPECT_TRUE(counter.endDelegation());
-  EXPECT_EQ(counter.getByteCount(), 6u);  // kept after the end
-
-  kxIoDeviceStringWriteOnly capped;  // writing: only what the delegate accepted counts
-  capped.setMaxSize(4);
-  ASSERT_TRUE(counter.beginDelegation(&capped, kxIoDevice::DW_Write));
-  EXPECT_EQ(counter.getByteCount(), 0u);  // restarts per delegation
-  EXPECT_EQ(counter.write("abc", 3), 3u);
-  EXPECT_EQ(counter.write("de", 2), 0u);
-  EXPECT_EQ(counter.write("d", 1), 0u);  // sticky through the delegate, though 1 byte would fit
-  EXPECT_EQ(counter.getByteCount(), 3u);
-  counter.setDeviceError("own");
-  EXPECT_EQ(counter.getDeviceErrorMsg(), "own, write exceeds the maximum size of the device");
-  EXPECT_FALSE(counter.endDelegation());
-  EXPECT_EQ(counter.getDelegate(), nullptr);  // the delegate is gone; its text is not
-  EXPECT_EQ(counter.getDeviceErrorMsg(), "own, write exceeds the maximum size of the device");
-}
 
 TEST(IoDeviceDelegableTest, MisuseHasTextsAndWrongDirectionIsLogged) {
   kxIoDeviceStringReadOnly source("abc");

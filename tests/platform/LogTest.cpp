@@ -8,26 +8,6 @@
 
 namespace {
 
-TEST(LogTest, RecordCarriesTypeLevelCategoryTextAndThread) {
-  std::vector<kx::kxLogRecord> records;
-  kx::kxLog::setSink([&records](const kx::kxLogRecord& r) { records.push_back(r); });
-  kx::kxLog::log(5, "http", "boom");
-  kx::kxLog::setEnabled(false);
-  kx::kxLog::log(5, "url", "dropped");
-  kx::kxLog::setEnabled(true);
-  kx::kxLog::setSink({});
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].type, 5);
-  EXPECT_EQ(records[0].level, kx::kxLogLevel::Error);
-  EXPECT_EQ(records[0].category, "http");
-  EXPECT_EQ(records[0].text, "boom");
-  EXPECT_EQ(records[0].threadId, kx::kxLog::currentThreadId());
-  EXPECT_GT(records[0].timeMsSinceEpoch, 1600000000000LL);
-  EXPECT_EQ(kx::kxLogLevelOf(4), kx::kxLogLevel::Warning);
-  EXPECT_EQ(kx::kxLogLevelOf(6), kx::kxLogLevel::Information);
-  EXPECT_EQ(kx::kxLogLevelOf(42), kx::kxLogLevel::Debug);
-}
-
 TEST(LogTest, SinkCanBeReplacedWhileOtherThreadsLog) {
   std::atomic<bool> stop{false};
   std::atomic<int> delivered{0};

@@ -5,23 +5,10 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <set>
-#include <string>
 
 namespace {
 
 namespace ru = kx::kxRandomUtils;
-
-TEST(kxRandomUtilsTest, Uuid4TextSetsVersionAndVariantBits) {
-  uint8_t bytes[16];
-  for (int i = 0; i < 16; ++i) bytes[i] = static_cast<uint8_t>(i * 0x11);
-  EXPECT_EQ(ru::Uuid4TextFromBytes(bytes), "00112233-4455-4677-8899-aabbccddeeff");
-  std::memset(bytes, 0xff, sizeof bytes);
-  EXPECT_EQ(ru::Uuid4TextFromBytes(bytes), "ffffffff-ffff-4fff-bfff-ffffffffffff");
-  std::set<std::string> seen;
-  for (int i = 0; i < 1000; ++i) seen.insert(ru::Uuid4Text());
-  EXPECT_EQ(seen.size(), 1000u);
-}
 
 TEST(kxRandomUtilsTest, RandFillsExactlyTheBufferEvenWhenLarge) {
   // Large requests come back from the kernel in several pieces; every byte must still be written.

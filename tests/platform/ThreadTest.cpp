@@ -1,6 +1,5 @@
 #include <kx/system/kxLog.h>
 #include <kx/system/kxMultithreadTemplateHolder.h>
-#include <kx/system/kxMutexLocker.h>
 #include <kx/system/kxThread.h>
 
 #include <gtest/gtest.h>
@@ -71,37 +70,7 @@ TEST(kxThreadTest, MayBeDestroyedFromItsOwnRun) {
   while (!done) std::this_thread::yield();
 }
 
-TEST(kxMutexLockerTest, UnlockAndRelockTrackTheMutex) {
-  kx::kxMutex mutex;
-  for (bool relock : {true, false}) {
-    {
-      kx::kxMutexLocker locker(mutex);
-      EXPECT_FALSE(mutex.tryLock());
-      locker.unlock();
-      locker.unlock();  // harmless twice, and the destructor must not unlock again
-      ASSERT_TRUE(mutex.tryLock());
-      mutex.unlock();
-      if (relock) locker.relock();
-      EXPECT_EQ(locker.isLocked(), relock);
-    }
-    EXPECT_TRUE(mutex.tryLock());  // released by the destructor
-    mutex.unlock();
-  }
-}
-
 using Holder = kx::kxMultithreadTemplateHolder<std::string>;
-
-TEST(kxMultithreadTemplateHolderTest, EveryChangeAndOnlyAChangeMovesTheVersion) {
-  Holder holder("a");
-  std::string local = "stale";
-  uint64_t seen = 0;
-  EXPECT_FALSE(holder.getIfChanged(local, seen));  // version 0 is current
-  EXPECT_EQ(holder.set("b"), 1u);
-  EXPECT_EQ(holder.update([](std::string& s) { s += "c"; }), 2u);          // void: always a change
-  EXPECT_EQ(holder.update([](std::string& s) { return s == "x"; }), 2u);  // false: untouched
-  EXPECT_TRUE(holder.getIfChanged(local, seen) && local == "bc" && seen == 2u);
-  EXPECT_FALSE(holder.getIfChanged(local, seen));
-}
 
 TEST(kxMultithreadTemplateHolderTest, ConcurrentUpdatesAreNeitherLostNorTorn) {
   Holder holder;

@@ -186,7 +186,7 @@ class LoopbackHttpServer::Impl final : public httplib::SSLServer {
   }
 
   ~Impl() override {
-    closeConnections(true);
+    closeConnections();
     if (listener_.joinable()) {
       stop();
       listener_.join();
@@ -248,16 +248,13 @@ class LoopbackHttpServer::Impl final : public httplib::SSLServer {
     return true;
   }
 
-  // Shuts down every open connection; with stopping, also those accepted from now on, and the trickles.
-  void closeConnections(bool stopping) {
-    {
-      // Under the lock a connection thread cannot close its descriptor, so the number shut down here is
-      // still the connection's and not a descriptor the process reused meanwhile.
-      std::lock_guard<std::mutex> lock(mutex_);
-      stopping_ = stopping_ || stopping;
-      for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
-    }
-    cv_.notify_all();
+  // Shuts down every open connection, and those accepted from now on.
+  void closeConnections() {
+    // Under the lock a connection thread cannot close its descriptor, so the number shut down here is
+    // still the connection's and not a descriptor the process reused meanwhile.
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+    for (int fd : open_) ::shutdown(fd, SHUT_RDWR);
   }
 
   void addRoute(std::string method, const std::string& pattern, Handler handler) {
@@ -331,12 +328,6 @@ class LoopbackHttpServer::Impl final : public httplib::SSLServer {
     return true;
   }
 
-  // Waits up to duration; true when the server is stopping (the caller should give up).
-  bool waitForStop(std::chrono::milliseconds duration) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, duration, [this] { return stopping_; });
-  }
-
   void dispatch(const httplib::Request& constRequest, httplib::Response& res) {
     // cpp-httplib's Request is a local of its own, not a const object: giving it back its own method and
     // our route's capture groups is sound, and avoids copying a request with a large body.
@@ -398,19 +389,6 @@ class LoopbackHttpServer::Impl final : public httplib::SSLServer {
     });
     addRoute("GET", "/bytes/(\\d+)", [](const httplib::Request& req, httplib::Response& res) {
       res.set_content(PatternBytes(std::stoul(req.matches[1].str())), "application/octet-stream");
-    });
-    addRoute("", "/response-headers", [](const httplib::Request& req, httplib::Response& res) {
-      for (const auto& [name, value] : req.params) res.set_header(name, value);
-      res.set_content("ok\n", "text/plain");
-    });
-    addRoute("GET", "/slow", [this](const httplib::Request& req, httplib::Response& res) {
-      auto interval = std::chrono::milliseconds(QueryNumber(req, "intervalMs", 100));
-      // application/octet-stream: cpp-httplib never compresses it, so the pace is the wire's.
-      res.set_content_provider(QueryNumber(req, "bytes", 1000000), "application/octet-stream",
-                               [this, interval](size_t offset, size_t, httplib::DataSink& sink) {
-                                 if (offset > 0 && waitForStop(interval)) return false;
-                                 return sink.write(PatternBytes(1, offset).data(), 1);
-                               });
     });
   }
 
@@ -489,8 +467,6 @@ uint64_t LoopbackHttpServer::acceptedConnections() const {
   std::lock_guard<std::mutex> lock(impl_->mutex_);
   return impl_->accepted_;
 }
-void LoopbackHttpServer::closeConnections() { impl_->closeConnections(false); }
-
 std::string LoopbackHttpServer::PatternBytes(size_t size, size_t offset) {
   std::string out;
   out.reserve(size + 16);

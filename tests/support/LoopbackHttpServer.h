@@ -22,11 +22,6 @@
 //                         "redirect chain end\n".
 //   /redirect-to?url=<u>  302 (or ?status=<code>) to the absolute or relative location u.
 //   /bytes/<n>            GET: n bytes of PatternBytes, application/octet-stream, with a Content-Length.
-//   /response-headers     200 "ok\n"; every query parameter becomes a response header (repeated names give
-//                         repeated headers, in query order).
-//   /slow                 GET: one byte of PatternBytes every ?intervalMs=<ms> (default 100) until
-//                         ?bytes=<total> (default 1000000) are sent, announced by a Content-Length. The
-//                         trickle stops when the client goes away or the server is destroyed.
 // Unknown paths answer 404 with the body "Not Found\n".
 //
 // Requests with a body that cpp-httplib would not read (GET, HEAD, OPTIONS with a Content-Length or chunked
@@ -39,7 +34,7 @@
 // Thread-safety: thread-safe. Routes may be added and records read while requests are served; handlers
 // run on the server's connection threads (one per connection), possibly several at once.
 // Ownership: the destructor stops accepting, shuts down every open connection (idle keep-alive ones
-// included, so it never waits for a client), ends the trickles and waits for every connection thread.
+// included, so it never waits for a client) and waits for every connection thread.
 #pragma once
 
 #include <httplib.h>
@@ -124,9 +119,6 @@ class LoopbackHttpServer {
 
   // Connections accepted since the start (requests on one keep-alive connection count once).
   uint64_t acceptedConnections() const;
-  // Shuts down every open connection now, idle or busy. Clients holding one in a keep-alive cache find
-  // it dead on their next request.
-  void closeConnections();
 
   // Deterministic printable body bytes: the stream is made of 16-byte blocks, block k being the decimal
   // offset k*16 on 15 digits and a line feed ("000000000000016\n"), so any cut or shift is visible.

@@ -91,13 +91,6 @@ TEST_P(HttpUrlMatchTest, AuthenticatorsMatchedOnceEachInAnyOrder) {
 INSTANTIATE_TEST_SUITE_P(HttpUrl, HttpUrlMatchTest, testing::ValuesIn(kMatchCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// operator== goes through the left operand's equalTo: a plain URL sees only URL fields.
-TEST(HttpUrlTest, EqualityDispatchesOnTheLeftOperand) {
-  EXPECT_FALSE(HttpUrl("https://h/p") == Url("https://h/p"));
-  EXPECT_TRUE(Url("https://h/p") == HttpUrl("https://h/p"));
-  EXPECT_FALSE(HttpUrl("https://h/p") == HttpUrl("https://h/q"));
-}
-
 TEST(HttpUrlTest, CopyClonesAuthenticatorsAssignmentAndClearReleaseThem) {
   TokenAuthenticator::live = 0;
   auto policies = std::make_shared<const HttpPolicies>();
@@ -139,26 +132,6 @@ TEST(HttpUrlTest, NullAuthenticatorsAreNeverStoredAndSelfAddDoublesOnce) {
   EXPECT_EQ(Tokens(url), std::vector<std::string>{"c"});
   url.setAuthenticator(nullptr);
   EXPECT_TRUE(url.getAuthenticators().empty());
-}
-
-TEST(HttpUrlTest, NullPoliciesDifferFromExplicitDefaultEqualOnes) {
-  HttpUrl none("https://h/");
-  HttpUrl explicitDefaults("https://h/");
-  explicitDefaults.setPolicies(std::make_shared<const HttpPolicies>());
-  EXPECT_FALSE(none == explicitDefaults);
-  EXPECT_FALSE(explicitDefaults == none);
-
-  auto ipv6 = std::make_shared<HttpPolicies>();
-  ipv6->setHostNameResolutionPolicy(HNRP_PreferIpv6);
-  HttpUrl otherObject("https://h/");
-  otherObject.setPolicies(ipv6);  // a different object, equal but for the ignored resolution policy
-  EXPECT_TRUE(explicitDefaults == otherObject);
-  auto noVerify = std::make_shared<HttpPolicies>();
-  noVerify->setSSLValidatePolicy(SVP_NoVerify);
-  otherObject.editPolicies() = noVerify;
-  EXPECT_FALSE(explicitDefaults == otherObject);
-  otherObject.editPolicies().reset();
-  EXPECT_TRUE(none == otherObject);
 }
 
 struct DisplayCase {

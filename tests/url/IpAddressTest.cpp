@@ -18,36 +18,6 @@
 namespace kx {
 namespace {
 
-struct AddressCase {
-  std::string name, text;
-  IpAddress::Type requested, expected;
-  std::string canonical;  // getAddressAsString(false)
-};
-
-const AddressCase kAddressCases[] = {
-    {"Ipv4AnyFamily", "10.0.0.1", IpAddress::Invalid, IpAddress::IPv4, "10.0.0.1"},
-    {"Ipv4AsIpv6Refused", "1.2.3.4", IpAddress::IPv6, IpAddress::Invalid, ""},
-    {"Ipv6AsIpv4Refused", "::1", IpAddress::IPv4, IpAddress::Invalid, ""},
-    {"Ipv6Compressed", "2001:DB8:0:0:0:0:0:1", IpAddress::IPv6, IpAddress::IPv6, "2001:db8::1"},
-    {"BracketsRefused", "[::1]", IpAddress::Invalid, IpAddress::Invalid, ""},
-    {"EmptyRefused", "", IpAddress::Invalid, IpAddress::Invalid, ""},
-};
-
-class IpAddressParseTest : public testing::TestWithParam<AddressCase> {};
-
-TEST_P(IpAddressParseTest, ReadsRequestedFamilyOnly) {
-  const AddressCase& c = GetParam();
-  IpAddress address("10.9.8.7", IpAddress::IPv4);  // overwritten, valid or not
-  address.fromStringAddress(c.text, c.requested);
-  EXPECT_EQ(address.getType(), c.expected);
-  EXPECT_EQ(address.getAddressAsString(false), c.canonical);
-  EXPECT_EQ(address.getIPv4Sockaddr() != nullptr, c.expected == IpAddress::IPv4);
-  EXPECT_EQ(address.getIPv6Sockaddr() != nullptr, c.expected == IpAddress::IPv6);
-}
-
-INSTANTIATE_TEST_SUITE_P(IpAddress, IpAddressParseTest, testing::ValuesIn(kAddressCases),
-                         [](const auto& info) { return info.param.name; });
-
 struct CompareCase {
   std::string name, left, right;
   bool equal;

@@ -86,28 +86,6 @@ TEST(UrlEncodingTest, PathSetters) {
   EXPECT_EQ(url.toEncodedUrl(false), "http://h/%2541/b%20c/x%2Fy/z/%252F");
 }
 
-TEST(UrlEncodingTest, EncodedAndDisplayForms) {
-  Url url("https://u:p@[::1]:8080/x/y?q=1#f");
-  EXPECT_EQ(url.toEncodedUrl(false), "https://[::1]:8080/x/y?q=1#f");
-  EXPECT_EQ(url.toDisplayableUrl(), "https://u:*******@[::1]:8080/x/y?q=1");
-  url.setCredentials("us er", std::string(40, 'z'));  // neither the password nor its length shows
-  EXPECT_EQ(url.toDisplayableUrl(), "https://us er:*******@[::1]:8080/x/y?q=1");
-  url.setCredentials("user", "");  // a user without a password is not written
-  EXPECT_EQ(url.toEncodedUrl(true), "https://[::1]:8080/x/y?q=1#f");
-  EXPECT_EQ(url.toDisplayableUrl(), "https://[::1]:8080/x/y?q=1");
-  const Url invalid("mailto:someone@example.com");
-  EXPECT_EQ(invalid.toEncodedUrl(true) + invalid.toDisplayableUrl(), "");
-
-  Url built;
-  built.setScheme("http");
-  built.setHost("h");
-  built.setCredentials("a@b", "c:d/e");
-  built.setPathSegments({"p q", "r?s"});
-  built.addQueryParameter("k&", "v#");
-  built.setFragment("f g");
-  EXPECT_EQ(built.toEncodedUrl(true), "http://a%40b:c%3Ad%2Fe@h/p%20q/r%3Fs?k%26=v%23#f%20g");
-}
-
 TEST(UrlEncodingTest, BasicCredentials) {
   std::string token;
   Url::BasicEncodeCredentials("Aladdin", "open sesame", token);

@@ -103,21 +103,6 @@ TEST(UrlModelTest, SetHostCanonicalisesOnlyIpv6AndRefusesNul) {
   EXPECT_EQ(url.getIpAddress(), IpAddress("10.1.1.1", IpAddress::IPv4));
 }
 
-// Byte for byte, field by field; the normalisation flag and the cached address play no part.
-TEST(UrlModelTest, EqualityIsByteForByte) {
-  EXPECT_NE(Url("http://Host/"), Url("http://host/"));
-  Url a, b;
-  ASSERT_TRUE(a.fromEncodedUtf8String("http://Host/", nullptr, true));
-  ASSERT_TRUE(b.fromEncodedUtf8String("HTTP://host/", nullptr, true));
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(Url("http://[::ABCD]/"), Url("http://[::abcd]/"));
-  EXPECT_NE(Url("http://h/?a=1&b=2"), Url("http://h/?b=2&a=1"));
-  EXPECT_NE(Url("http://h/a/b"), Url("http://h/a/b/"));
-  EXPECT_NE(Url("http://u:p@h/"), Url("http://u:q@h/"));
-  EXPECT_NE(Url("http://h:1/"), Url("http://h:2/"));
-  EXPECT_NE(Url("http://h/#x"), Url("http://h/#y"));
-}
-
 TEST(UrlModelTest, ClearingAndReplacingWipeWholeCapacity) {
   Url url;
   url.setCredentials("someone-with-a-long-user-name", std::string(100, 'S'));
@@ -152,17 +137,6 @@ TEST(UrlModelTest, CopiesAreIndependentAndMovesEmptyTheSource) {
   EXPECT_EQ(target, source);
   EXPECT_TRUE(target.hasFragment());
   EXPECT_TRUE(moved.getUser().empty());  // NOLINT(bugprone-use-after-move)
-}
-
-TEST(UrlModelTest, FragmentSetterKeepsFlagInStep) {
-  Url url("http://h/");
-  url.setFragment("top");
-  EXPECT_EQ(url.toEncodedUrl(false), "http://h#top");
-  url.setFragment("");
-  EXPECT_FALSE(url.hasFragment());
-  url.setFragment("x");
-  url.clearFragment();
-  EXPECT_FALSE(url.hasFragment());
 }
 
 }  // namespace

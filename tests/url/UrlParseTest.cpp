@@ -136,14 +136,6 @@ TEST(UrlParseErrorTest, TextsOfUnreachableFailures) {
   EXPECT_EQ(FormatUrlParseError(UrlParseError::kQuerySplit, 3), "fail to split query parameters UriParser error 3");
 }
 
-TEST(UrlRoundTripTest, KnownLossesAreExactlyThese) {
-  EXPECT_EQ(Url("http://host/").toEncodedUrl(true), "http://host");
-  EXPECT_EQ(Url("http://user:@host/a").toEncodedUrl(true), "http://host/a");
-  EXPECT_EQ(Url("http://host/?flag").toEncodedUrl(true), "http://host?flag=");
-  EXPECT_EQ(Url("http://[0::1]/?#").toEncodedUrl(true), "http://[::1]");
-  EXPECT_EQ(Url("//host/p").toEncodedUrl(true), "");  // a host without a scheme is not a valid URL
-}
-
 // The parser splits queries itself; the pairs must be exactly those of uriDissectQueryMallocA.
 TEST(UrlQueryTest, SplitsLikeUriparser) {
   using Pairs = std::list<std::pair<std::string, std::string>>;
