@@ -165,4 +165,32 @@ TEST_F(HttpConnectionParametersTest, ProxyPolicies) {
   }
 }
 
+TEST_F(HttpConnectionParametersTest, CookiesAndCompressionFollowTheirSwitches) {
+  LoopbackHttpServer server;
+  server.Get("/set-cookie", [](const httplib::Request&, httplib::Response& res) {
+    res.set_header("Set-Cookie", "kx=1; Path=/");
+    res.set_content("set\n", "text/plain");
+  });
+  for (bool enabled : {true, false}) {
+    SCOPED_TRACE(enabled);
+    HttpConnection fresh;
+    fresh.editConnectionParameters().enableCookies = enabled;
+    fresh.editConnectionParameters().acceptEncoding = enabled;
+    ASSERT_TRUE(call.run(fresh, server.url("/set-cookie"))) << fresh.getLastErrorMsg();
+    // Twice: the jar must survive every reset of the handle, not just the first.
+    for (int i = 0; i < 2; ++i) {
+      ASSERT_TRUE(call.run(fresh, server.url("/echo"))) << fresh.getLastErrorMsg();
+      EXPECT_EQ(server.lastRequest().header("Cookie"), enabled ? "kx=1" : "");
+      EXPECT_EQ(server.lastRequest().hasHeader("Accept-Encoding"), enabled);
+    }
+  }
+  // Switching cookies off on a connection drops its jar: switched on again, it starts empty.
+  ASSERT_TRUE(call.run(connection, server.url("/set-cookie"))) << connection.getLastErrorMsg();
+  for (bool enabled : {false, true}) {
+    connection.editConnectionParameters().enableCookies = enabled;
+    ASSERT_TRUE(call.run(connection, server.url("/echo"))) << connection.getLastErrorMsg();
+    EXPECT_EQ(server.lastRequest().header("Cookie"), "");
+  }
+}
+
 }  // namespace

@@ -15,6 +15,11 @@
 #include "support/LoopbackHttpServer.h"
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -106,6 +111,42 @@ TEST_F(HttpConnectionPoolTest, CapacityTrimsTheOldestIdleConnections) {
   pool.releaseHttpConnection(kept);
   pool.ensureAtLeastMaxConcurrentConnection(5);
   EXPECT_EQ(pool.getMaxConcurrentConnection(), 5u);
+}
+
+// Client sockets to 127.0.0.1:port that the server has closed and this side has not (CLOSE_WAIT).
+size_t CloseWaitSocketsTo(uint16_t port) {
+  std::ifstream table("/proc/net/tcp");
+  std::string line;
+  std::getline(table, line);  // column titles
+  size_t count = 0;
+  char remote[32];
+  unsigned state = 0;
+  while (std::getline(table, line)) {
+    if (std::sscanf(line.c_str(), "%*s %*s %31s %x", remote, &state) == 2 && state == 0x08 &&
+        std::strncmp(remote, "0100007F:", 9) == 0 && std::strtoul(remote + 9, nullptr, 16) == port)
+      ++count;
+  }
+  return count;
+}
+
+TEST_F(HttpConnectionPoolTest, IdleConnectionClosedByTheServerIsDiscardedAtLeaseTime) {
+  LoopbackHttpServer closing({.keepAliveTimeout = std::chrono::seconds(1)});
+  auto first = pool.getHttpConnection("127.0.0.1", closing.port());
+  ASSERT_TRUE(Get(*first.first, closing));
+  pool.releaseHttpConnection(first);
+  ASSERT_EQ(pool.getIdleConnectionCount(), 1u);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (CloseWaitSocketsTo(closing.port()) == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(CloseWaitSocketsTo(closing.port()), 1u) << "the server did not close the idle connection";
+
+  auto lease = pool.getHttpConnection("127.0.0.1", closing.port());
+  EXPECT_EQ(CloseWaitSocketsTo(closing.port()), 0u) << "the dead connection was not closed";
+  EXPECT_FALSE(Access::HasCurlHandle(*lease.first)) << "the dead connection was handed out";
+  EXPECT_EQ(pool.getIdleConnectionCount(), 0u);
+  ASSERT_TRUE(Get(*lease.first, closing));
+  EXPECT_EQ(closing.acceptedConnections(), 2u);
+  pool.releaseHttpConnection(lease);
 }
 
 TEST_F(HttpConnectionPoolTest, ReleaseAllClosesIdleAndRefusesEarlierLeases) {

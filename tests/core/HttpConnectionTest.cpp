@@ -10,6 +10,7 @@
 
 #include "core/ConnectionTestCall.h"
 #include "core/HttpConnectionAccess.h"
+#include "support/CorvixTestEnvironment.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackHttpServer.h"
 
@@ -35,7 +36,8 @@ using testing::Not;
 struct TestAuthenticator : kx::http::HttpAuthenticatorInterface {
   explicit TestAuthenticator(std::string text) : error(std::move(text)) {}
   bool equalTo(const HttpAuthenticatorInterface&) const override { return false; }
-  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders&, std::string& out) override {
+  bool getAuthenticationHttpHeaders(const HttpUrl&, HttpHeaders& headers, std::string& out) override {
+    if (error.empty()) return headers.addHeaderValue("X-Order", "authenticator"), true;
     out = error;
     return false;
   }
@@ -56,6 +58,23 @@ class HttpConnectionTest : public testing::Test {
   HttpConnection connection;
   ConnectionTestCall call;
 };
+
+TEST_F(HttpConnectionTest, SendsDefaultThenCommonThenRequestHeaders) {
+  kx::test::LogCapture quiet(false);
+  kx::EditDefaultHttpHeaders().addHeaderValue("X-Order", "default");  // the environment resets the defaults
+  connection.editCommonHeaders().addHeaderValues("X-Order", std::vector<std::string>{"common1", "common2"});
+  HttpUrl url(server.url("/echo"));
+  url.addAuthenticator(std::make_unique<TestAuthenticator>(""));
+  call.onCall = [](CURL*, HttpHeaders& headers, int) { return headers.addHeaderValue("X-Order", "callback"), 0; };
+  ASSERT_TRUE(call.run(connection, url)) << connection.getLastErrorMsg();
+  const auto request = server.lastRequest();
+  EXPECT_EQ(request.headerValues("X-Order"),
+            (std::vector<std::string>{"default", "common1", "common2", "authenticator", "callback"}));
+  EXPECT_EQ(request.header("Connection"), "Keep-Alive");
+  EXPECT_EQ(request.header("User-Agent"), kx::test::CorvixTestEnvironment::kUserAgent);
+  EXPECT_FALSE(request.hasHeader("X-Request-ID")) << "ids are only sent with the log verbose";
+  EXPECT_EQ(connection.getLastRequestId(), "");
+}
 
 TEST_F(HttpConnectionTest, StatusAndContentTypeChecks) {
   const std::string url = server.url("/status/404");
