@@ -454,6 +454,11 @@ std::vector<RecordedRequest> LoopbackHttpServer::requests() const {
   return impl_->records_;
 }
 size_t LoopbackHttpServer::requestCount() const { return requests().size(); }
+
+bool LoopbackHttpServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(impl_->mutex_);
+  return impl_->cv_.wait_for(lock, timeout, [&] { return impl_->records_.size() >= count; });
+}
 RecordedRequest LoopbackHttpServer::lastRequest() const {
   std::vector<RecordedRequest> all = requests();
   return all.empty() ? RecordedRequest() : all.back();

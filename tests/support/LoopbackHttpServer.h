@@ -114,6 +114,8 @@ class LoopbackHttpServer {
   // the server has read it, even while its handler is still running.
   std::vector<RecordedRequest> requests() const;
   size_t requestCount() const;
+  // Waits until at least count requests were recorded; false when the time-out passed first.
+  bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
   RecordedRequest lastRequest() const;  // a default RecordedRequest when none arrived
   void clearRequests();
 
