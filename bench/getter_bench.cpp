@@ -6,8 +6,8 @@
 //   cmake --build build-bench --target getter_bench
 //   ./build-bench/bench/getter_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
 //
-// Cases are Getter/<ids>/<workers>/<batch>/<queuedFirst>: 10,000 ids in batches of 100, but 1,000 ids in batches of one
-// (10,000 single-id requests at 20 ms take 200 s on one worker). The server is cpp-httplib with 64
+// Cases are Getter/<ids>/<workers>/<batch>/<queuedFirst>: 10,000 ids in batches of 100, but 1,000 ids in
+// batches of one (10,000 single-id requests at 20 ms take 200 s on one worker). The server is cpp-httplib with 64
 // threads and unlimited keep-alive, so that it never becomes the queue; each answer holds exactly the
 // hits asked for. Every run checks that every id came back found, once, before its time counts.
 #include <kx/Corvix.h>
