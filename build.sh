@@ -120,7 +120,7 @@ cmd_fuzz_smoke() {  # seconds per target
 }
 
 cmd_bench() {
-  deps libbenchmark-dev nginx
+  deps libbenchmark-dev nginx libgmime-3.0-dev
   log "benchmarks (Release)"
   configure_and_build "$ROOT/build-bench" -DCMAKE_BUILD_TYPE=Release -DKX_BUILD_BENCH=ON -DKX_HEADER_CHECK=OFF
   for b in "$ROOT"/build-bench/bench/*_bench; do
