@@ -7,7 +7,8 @@ JOBS="$(nproc 2>/dev/null || echo 2)"
 PACKAGES=(build-essential cmake ninja-build ccache pkg-config git
           libcurl4-openssl-dev liburiparser-dev libutfcpp-dev libssl-dev openssl rapidjson-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
-          clang libclang-rt-14-dev tinyproxy locales)
+          clang libclang-rt-14-dev tinyproxy locales
+          curl nodejs node-busboy python3-multipart python3-urllib3)
 
 log() { printf '\n==> %s\n' "$*"; }
 
