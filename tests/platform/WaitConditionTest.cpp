@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -58,7 +59,7 @@ TEST(kxWaitConditionTest, PingPongLosesNoWakeUp) {
   kx::kxMutex mutex;
   kx::kxWaitCondition condition;
   int turn = 0;
-  bool stalled = false;
+  std::atomic<bool> stalled{false};  // also read outside the lock, by the loop condition
   constexpr int kRounds = 2000;
   auto player = [&](int me) {
     for (int i = 0; i < kRounds && !stalled; ++i) {
