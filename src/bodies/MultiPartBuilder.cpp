@@ -113,10 +113,18 @@ void MultiPartBuilder::insertBoundary(size_t index, bool first, bool last, const
     kxLog::log(kLogTypeError, kMultipartLogCategory, BodyBuilderTextOf(BodyBuilderText::kBuilderMisuse));
     return;
   }
-  if (index > sources_.size()) index = sources_.size();
-  auto at = std::next(sources_.begin(), static_cast<std::ptrdiff_t>(index));
-  size_t boundariesBefore = 0;
-  for (auto it = sources_.begin(); it != at; ++it) boundariesBefore += it->isBoundary() ? 1 : 0;
+  // Appending is the common case and must not walk the lists (queueing n parts would cost n^2): every
+  // boundary source has its text in boundaryTexts_, in the same order, so at the end all of them are
+  // before it. Inserting inside (a generated part after the current source) walks the short prefix.
+  auto at = sources_.end();
+  auto textAt = boundaryTexts_.end();
+  if (index < sources_.size()) {
+    at = std::next(sources_.begin(), static_cast<std::ptrdiff_t>(index));
+    textAt = boundaryTexts_.begin();
+    for (auto it = sources_.begin(); it != at; ++it) {
+      if (it->isBoundary()) ++textAt;
+    }
+  }
 
   const std::string_view crlf = first ? "" : "\r\n";
   std::string text;
@@ -149,8 +157,7 @@ void MultiPartBuilder::insertBoundary(size_t index, bool first, bool last, const
     }
     text.append("\r\n");
   }
-  auto stored = boundaryTexts_.insert(std::next(boundaryTexts_.begin(), static_cast<std::ptrdiff_t>(boundariesBefore)),
-                                      std::move(text));
+  auto stored = boundaryTexts_.insert(textAt, std::move(text));
   sources_.emplace(at, stored->data(), stored->size(), true);
 }
 
